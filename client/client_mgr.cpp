@@ -1,0 +1,1 @@
+#include "client/client_mgr.h"

@@ -1,0 +1,1 @@
+#include "codec/mqtt_codec.h"

@@ -1,0 +1,138 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "sdk/zeb_sdk_mqtt_broker.h"  // mqtt_connect_para
+
+namespace zeb {
+
+using ::mqtt_connect_para;
+
+enum mqtt_codec_error {
+    MQTT_CODEC_OK = 0,
+    MQTT_CODEC_ERR_PARAM = -1,
+    MQTT_CODEC_ERR_VERSION = -2,
+    MQTT_CODEC_ERR_BUFFER = -3,
+    MQTT_CODEC_ERR_MALFORMED = -4,
+    MQTT_CODEC_ERR_UNSUPPORTED = -5
+};
+
+enum mqtt_packet_type {
+    MQTT_PKT_CONNECT = 1,
+    MQTT_PKT_CONNACK = 2,
+    MQTT_PKT_PUBLISH = 3,
+    MQTT_PKT_PUBACK = 4,
+    MQTT_PKT_PUBREC = 5,
+    MQTT_PKT_PUBREL = 6,
+    MQTT_PKT_PUBCOMP = 7,
+    MQTT_PKT_SUBSCRIBE = 8,
+    MQTT_PKT_SUBACK = 9,
+    MQTT_PKT_UNSUBSCRIBE = 10,
+    MQTT_PKT_UNSUBACK = 11,
+    MQTT_PKT_PINGREQ = 12,
+    MQTT_PKT_PINGRESP = 13,
+    MQTT_PKT_DISCONNECT = 14
+};
+
+inline constexpr uint32_t MQTT_MAX_REMAINING_LENGTH = 268435455;  // 0xFFFFFFF
+inline constexpr int MQTT_MAX_TOPIC = 256;
+inline constexpr int MQTT_MAX_PAYLOAD = 2048;
+inline constexpr int MQTT_MAX_FILTERS = 16;
+
+struct mqtt_codec_ctx {
+    std::atomic<uint32_t> protocol_version;  // 4 or 5; relaxed
+    std::atomic<uint32_t> last_packet_type;  // relaxed
+    std::atomic<uint32_t> last_packet_len;   // relaxed
+};
+
+struct mqtt_connack_para {
+    uint8_t session_present;
+    uint8_t reason_code;
+    uint32_t session_expiry_interval;
+    uint16_t receive_maximum;
+    uint16_t topic_alias_maximum;
+    uint32_t maximum_packet_size;
+};
+
+struct mqtt_publish_para {
+    char topic[257];
+    uint8_t payload[2048];  // not terminated
+    uint32_t payload_len;
+    uint16_t packet_id;
+    uint32_t qos;
+    uint8_t retain;
+    uint8_t dup;
+    uint32_t msg_expiry_interval;
+    uint16_t topic_alias;
+};
+
+struct mqtt_ack_para {
+    uint16_t msg_id;
+    uint8_t reason_code;
+    uint32_t reason_codes[16];
+    int32_t reason_code_count;
+};
+
+struct mqtt_subscribe_para {
+    uint16_t msg_id;
+    char topic_filters[16][257];
+    uint32_t requested_qos[16];
+    int32_t filter_count;
+    uint32_t subscription_identifier;
+    uint8_t max_qos;
+    uint8_t retain_handling;
+};
+
+struct mqtt_unsubscribe_para {
+    uint16_t msg_id;
+    char topic_filters[16][257];
+    int32_t filter_count;
+    uint8_t subscription_identifier;
+};
+
+struct mqtt_disconnect_para {
+    uint8_t reason_code;
+    uint32_t session_expiry_interval;
+    char reason_string[65];
+    uint16_t user_property_len;
+    char user_property[65];
+};
+
+int mqtt_codec_ctx_init(mqtt_codec_ctx *ctx);
+const char *mqtt_codec_error_str(int code);  // "参数非法" .. "功能暂不支持", else "未知错误"
+
+// Bytes written (1..4), 0 on failure.
+int codec_encode_remaining_length(uint8_t *buf, uint32_t len);
+// The value, or -1; *consumed is set only on success.
+int32_t codec_decode_remaining_length(const uint8_t *buf, int avail, int *consumed);
+
+// Encoders: *buf_len is the capacity on entry, the packet length on success.
+int mqtt_codec_encode_connect(mqtt_codec_ctx *ctx, const mqtt_connect_para *para, uint8_t *buf, int *buf_len);
+int mqtt_codec_encode_connack(mqtt_codec_ctx *ctx, const mqtt_connack_para *para, uint8_t *buf, int *buf_len);
+int mqtt_codec_encode_publish(mqtt_codec_ctx *ctx, const mqtt_publish_para *para, uint8_t *buf, int *buf_len);
+int mqtt_codec_encode_ack(mqtt_codec_ctx *ctx, int packet_type, const mqtt_ack_para *para, uint8_t *buf,
+                          int *buf_len);
+int mqtt_codec_encode_simple(mqtt_codec_ctx *ctx, int packet_type, uint8_t *buf, int *buf_len);
+int mqtt_codec_encode_subscribe(mqtt_codec_ctx *ctx, const mqtt_subscribe_para *para, uint8_t *buf,
+                                int *buf_len);
+int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx *ctx, const mqtt_unsubscribe_para *para, uint8_t *buf,
+                                  int *buf_len);
+int mqtt_codec_encode_disconnect(mqtt_codec_ctx *ctx, const mqtt_disconnect_para *para, uint8_t *buf,
+                                 int *buf_len);
+
+// Decoders: *buf_len is the number of bytes available on entry, the bytes consumed on success.
+int mqtt_codec_decode_connect(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len, mqtt_connect_para *para);
+int mqtt_codec_decode_connack(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len, mqtt_connack_para *para);
+int mqtt_codec_decode_publish(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para *para);
+int mqtt_codec_decode_ack(mqtt_codec_ctx *ctx, int expected_type, const uint8_t *buf, int *buf_len,
+                          mqtt_ack_para *para);
+int mqtt_codec_decode_simple(mqtt_codec_ctx *ctx, int expected_type, const uint8_t *buf, int *buf_len);
+int mqtt_codec_decode_subscribe(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len,
+                                mqtt_subscribe_para *para);
+int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len,
+                                  mqtt_unsubscribe_para *para);
+int mqtt_codec_decode_disconnect(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len,
+                                 mqtt_disconnect_para *para);
+
+}  // namespace zeb

@@ -1,0 +1,1 @@
+#include "log/agent_log.h"

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <pthread.h>
+
+namespace zeb {
+
+// Start a joinable thread that blocks every signal, so that the embedding program's handlers never run on a
+// thread of ours, and that carries `name` (at most 15 characters) in ps, top and debuggers.
+// Returns 0 or the errno value of pthread_create; *thread is set only on success.
+int platform_thread_start(pthread_t *thread, const char *name, void *(*entry)(void *), void *arg);
+
+}  // namespace zeb

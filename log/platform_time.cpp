@@ -1,0 +1,81 @@
+#include "log/platform_time.h"
+
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+namespace zeb {
+
+namespace {
+
+std::atomic<const platform_clock *> g_clock{nullptr};
+
+uint64_t real_mono_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
+}
+
+uint64_t real_wall_ms() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_usec) / 1000u;
+}
+
+void real_sleep_us(uint64_t us) {
+    timespec left{static_cast<time_t>(us / 1000000u), static_cast<long>(us % 1000000u) * 1000L};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+void platform_set_clock(const platform_clock *clock) {
+    g_clock.store(clock, std::memory_order_release);
+}
+
+uint64_t platform_mono_ms() {
+    const platform_clock *clock = g_clock.load(std::memory_order_acquire);
+    return clock != nullptr && clock->mono_ms != nullptr ? clock->mono_ms() : real_mono_ms();
+}
+
+uint64_t platform_wall_ms() {
+    const platform_clock *clock = g_clock.load(std::memory_order_acquire);
+    return clock != nullptr && clock->wall_ms != nullptr ? clock->wall_ms() : real_wall_ms();
+}
+
+int64_t platform_wall_sec() {
+    return static_cast<int64_t>(platform_wall_ms() / 1000u);
+}
+
+void platform_sleep_us(uint64_t us) {
+    const platform_clock *clock = g_clock.load(std::memory_order_acquire);
+    if (clock != nullptr && clock->sleep_us != nullptr)
+        clock->sleep_us(us);
+    else
+        real_sleep_us(us);
+}
+
+uint32_t platform_get_tick_ms() {
+    return static_cast<uint32_t>(platform_wall_ms());
+}
+
+void platform_get_localtime_str(char *buf, uint32_t size) {
+    if (buf == nullptr || size == 0) return;
+    if (size < 2) {
+        buf[0] = '\0';
+        return;
+    }
+    const uint64_t now_ms = platform_wall_ms();
+    const time_t seconds = static_cast<time_t>(now_ms / 1000u);
+    tm local{};
+    localtime_r(&seconds, &local);
+    snprintf(buf, size - 1, "%04d-%02d-%02d %02d:%02d:%02d.%03ld", local.tm_year + 1900, local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(now_ms % 1000u));
+}
+
+}  // namespace zeb

@@ -1,0 +1,1 @@
+#include "netip/netip.h"

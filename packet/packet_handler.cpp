@@ -1,0 +1,1 @@
+#include "packet/packet_handler.h"

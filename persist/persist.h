@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+namespace zeb {
+
+// Kinds of files, a bit set.
+enum persist_kind { PERSIST_SESSION = 1, PERSIST_SUBS = 2, PERSIST_MSGS = 4 };
+
+inline constexpr int PERSIST_MAX_SUBS = 64;
+inline constexpr int PERSIST_MAX_MSGS = 100;
+inline constexpr int PERSIST_MAX_PAYLOAD = 1024;
+
+struct persist_sub {
+    char topic[256];
+    uint8_t qos;
+};
+
+struct persist_msg {
+    uint16_t msgid;
+    char topic[256];
+    uint8_t payload[1024];
+    uint32_t payload_len;
+    uint8_t qos;
+    int64_t stored_at;  // wall-clock seconds, memory only
+};
+
+struct persist_session {
+    char client_id[128];
+    uint8_t clean_session;
+    uint8_t clean_start;
+    uint32_t session_expiry_interval;
+    uint64_t session_expiry_deadline;
+    uint64_t last_online;
+    uint8_t will_flag;
+    char will_topic[256];
+    uint8_t will_qos;
+    uint8_t will_payload[1024];
+    uint32_t will_len;
+    uint32_t will_delay_interval;
+    uint32_t will_msg_expiry_interval;
+    uint8_t will_payload_format;
+    char will_content_type[64];
+    char will_response_topic[256];
+    uint32_t will_correlation_len;
+    persist_sub subs[PERSIST_MAX_SUBS];
+    int sub_count;
+    persist_msg msgs[PERSIST_MAX_MSGS];
+    int msg_count;
+};
+
+extern char g_persist_root_path[512];  // initially "./mqtt_data"
+extern std::mutex g_persist_mutex;
+
+int persist_init(const char *root);  // always 0
+void persist_destroy();
+void persist_stop();
+void persist_flush();
+void persist_clean_expire();
+
+void persist_mark(persist_session *rec, int kinds);
+int persist_load(persist_session *rec);              // 0; -1 bad argument; -5 out of memory
+int persist_load_client_only(persist_session *rec);  // 0; -1 bad argument; -4 no subscription file
+int persist_remove(const char *client_id);           // 0; -1 null; -5 out of memory
+void persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int len,
+                             int qos);
+int persist_remove_offline_msg(const char *client_id, uint16_t msgid);  // 0; -1; -4
+void persist_load_all_persisted_subscriptions();
+int persist_retain_save();  // 0; -2 cannot create the file
+int persist_retain_load();  // 0; -4 no file
+
+// The file layer below the operations.
+void persist_flush_single(const persist_session *rec, int kinds);
+void persist_safe_write(const char *path, const char *text);
+
+}  // namespace zeb

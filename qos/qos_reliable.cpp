@@ -1,0 +1,1 @@
+#include "qos/qos_reliable.h"

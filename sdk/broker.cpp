@@ -1,0 +1,1 @@
+#include "sdk/broker.h"

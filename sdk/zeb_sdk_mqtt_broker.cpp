@@ -1,0 +1,1 @@
+#include "sdk/zeb_sdk_mqtt_broker.h"

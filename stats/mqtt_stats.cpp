@@ -1,0 +1,1 @@
+#include "stats/mqtt_stats.h"

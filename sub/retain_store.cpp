@@ -1,0 +1,1 @@
+#include "sub/retain_store.h"

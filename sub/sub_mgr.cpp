@@ -1,0 +1,1 @@
+#include "sub/sub_mgr.h"

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+
+namespace zeb {
+
+inline constexpr int SUB_MAX = 10000;
+inline constexpr int RETAIN_MAX = 1000;
+
+struct mqtt_subscription {
+    char client_id[65];
+    char topic_filter[2049];
+    uint32_t qos;
+    uint8_t clean_session;
+    uint32_t subscription_identifier;  // 0 = none
+};
+
+// Written to disk as it lies in memory.
+struct retain_msg {
+    char topic[257];
+    uint8_t payload[2048];
+    uint32_t payload_len;
+    uint32_t qos;
+    int64_t timestamp;         // wall-clock seconds
+    uint32_t expiry_interval;  // seconds, 0 = seven days
+};
+
+static_assert(sizeof(retain_msg) == 2336);
+static_assert(offsetof(retain_msg, payload) == 257 && offsetof(retain_msg, payload_len) == 2308 &&
+              offsetof(retain_msg, qos) == 2312 && offsetof(retain_msg, timestamp) == 2320 &&
+              offsetof(retain_msg, expiry_interval) == 2328);
+
+struct sub_manager {
+    mqtt_subscription *subs;            // SUB_MAX entries, packed
+    std::atomic<int32_t> sub_count;     // written under lock, sampled without it
+    retain_msg *retains;                // RETAIN_MAX entries, packed
+    std::atomic<int32_t> retain_count;  // written under lock, sampled without it
+    std::mutex lock;
+};
+
+extern sub_manager g_sub_mgr;
+
+int sub_init();  // 0 or -2; a second call frees what the first allocated
+void sub_deinit();
+int sub_add(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session);
+int sub_add_with_id(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session,
+                    uint32_t subscription_identifier);
+int sub_remove(const char *client_id, const char *topic_filter);  // null filter: all of the client
+int sub_match(const char *topic, mqtt_subscription *results, int max_matched);
+int sub_get_client_sub_count(const char *client_id);
+int sub_find_by_identifier(uint32_t subscription_identifier, mqtt_subscription *out);
+
+}  // namespace zeb

@@ -1,0 +1,1 @@
+#include "sub/topic_filter.h"
