@@ -75,13 +75,24 @@ struct mqtt_client {
     persist_session session;
     std::mutex session_lock;             // session
     std::atomic<uint64_t> connected_ms;  // monotonic milliseconds of client_create
+
+    // Private to the client manager.
+    std::atomic<uint32_t> life;         // pins and the two life bits, see client_ref
+    std::atomic<uint64_t> generation;   // which connection the record serves; a number is never used twice
+    std::atomic<uint32_t> cid_hash;     // client_cid_hash(client_id): a lookup compares it before the text
+    std::atomic<uint8_t> closing;       // 1 while a thread runs client_close on the record
+    std::atomic<uint8_t> will_counted;  // 1 while g_will_delay_client_count includes the record
+    mutable std::mutex id_lock;         // client_id and ip, against readers on other threads
+    int32_t pool_index;                 // position over all blocks, fixed when the block is created
+    int32_t inflight;                   // nodes of the record in the QoS list; guarded by g_queue_mutex
 };
 
 struct client_pool_block {
     mqtt_client *records;                             // CLIENT_POOL_SIZE of them
     std::atomic<uint8_t> used_map[CLIENT_POOL_SIZE];  // 1 = slot allocated
     std::atomic<int32_t> used;
-    int32_t capacity;  // always CLIENT_POOL_SIZE
+    int32_t capacity;                 // always CLIENT_POOL_SIZE
+    std::atomic<uint64_t> queued[2];  // a bit per record with packets for the send thread
 };
 
 struct client_manager {
@@ -117,6 +128,47 @@ int client_fill_id_list(char *buf, int size);
 void client_copy_id(const mqtt_client *client, char out[65]);
 void client_copy_ip(const mqtt_client *client, char out[64]);
 void client_pool_release(mqtt_client *client);  // the one way back to the pool
+
+// Holds a record: while a client_ref to it lives, the record keeps serving the same connection. The
+// connection may end meanwhile (state says so, client_send then refuses), but the record is handed to nobody
+// else before the last holder lets go. Movable, not copyable; costs two atomic operations and takes no lock.
+class client_ref {
+  public:
+    client_ref() = default;
+    explicit client_ref(mqtt_client *client);  // pins a record that the caller knows to be allocated
+    client_ref(client_ref &&other) noexcept : client_(other.client_) { other.client_ = nullptr; }
+    client_ref &operator=(client_ref &&other) noexcept {
+        if (this != &other) {
+            reset();
+            client_ = other.client_;
+            other.client_ = nullptr;
+        }
+        return *this;
+    }
+    client_ref(const client_ref &) = delete;
+    client_ref &operator=(const client_ref &) = delete;
+    ~client_ref() { reset(); }
+
+    void reset();
+    mqtt_client *get() const { return client_; }
+    mqtt_client *operator->() const { return client_; }
+    explicit operator bool() const { return client_ != nullptr; }
+
+  private:
+    friend client_ref client_acquire_by_handle(netip_handle handle);
+    friend client_ref client_acquire_by_cid(const char *cid);
+    mqtt_client *client_ = nullptr;
+};
+
+// client_find_by_handle and client_find_by_cid for callers that use the record beyond the lookup.
+client_ref client_acquire_by_handle(netip_handle handle);
+client_ref client_acquire_by_cid(const char *cid);
+
+// CONNECTED or LOGINED.
+inline bool client_is_online(const mqtt_client *client) {
+    const uint32_t state = client->state.load(std::memory_order_relaxed);
+    return state == CONNECTED || state == LOGINED;
+}
 
 // Send path.
 int client_send(mqtt_client *client, const uint8_t *data, int len);  // 0 queued, -1 dropped
