@@ -4,6 +4,13 @@
 #include <cstdint>
 #include <cstdio>
 
+// The one logger of the process: one configuration, one file, one guard. Any thread may log, and none waits
+// for another: a call that finds the guard set loses its line. Standard output therefore sees nearly every
+// line, the file only those during which another thread's call released the guard. Errors are not reported to
+// the caller: a file that fails is dropped until the next agent_log_init. Nothing here allocates per line,
+// and errno is kept. agent_log_init, agent_log_deinit and agent_log_clear_flash may run while other threads
+// log.
+
 namespace zeb {
 
 enum : uint32_t {
@@ -30,14 +37,23 @@ extern std::atomic<int> g_log_in_use;         // the guard, 0 = free; relaxed
 extern char g_log_file_path[512];             // copy of the path in force; g_log_config.file_path points here
 extern FILE *g_log_file;                      // null when closed
 
+// Opens the log, closing the file of an earlier call. A null cfg keeps the configuration and only frees the
+// guard. A file that cannot be opened takes AGENT_LOG_OUT_FILE out of the output. The texts of cfg are
+// copied.
 void agent_log_init(const agent_log_config *cfg);
+// Closes the file and leaves the guard set: every later line is dropped, up to the next agent_log_init.
 void agent_log_deinit();
+// Writes "[time stamp] [level] message"; a message keeps at most 1022 characters, and in the file a line as a
+// whole 1022 and its line feed. Prefer ZEB_LOG, which evaluates nothing below the level.
 [[gnu::format(printf, 2, 3)]] void agent_log(uint32_t level, const char *fmt, ...);
+// At INFO, at most 255 characters.
 [[gnu::format(printf, 1, 2)]] void agent_log_printf(const char *fmt, ...);
+// At DEBUG: the title unless it is null, then lines of up to 16 bytes, "00 01 02 ". Nothing without bytes.
 void agent_log_hexdump(const char *title, const uint8_t *data, uint16_t len);
-void agent_log_set_level(uint32_t level);
-uint32_t agent_log_get_count();                   // 0
+void agent_log_set_level(uint32_t level);         // 5 and above: ignored
+uint32_t agent_log_get_count();                   // 0: no entries are kept
 const void *agent_log_get_entry(uint32_t index);  // null
+// Empties the file, opening it in any case; returns at once when the guard is set.
 void agent_log_clear_flash();
 
 // One relaxed load: what a line below the level costs when it is written with ZEB_LOG.

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+// The only door to clocks and sleeping, so that a test can step time. Any thread may call all of it.
+
 namespace zeb {
 
 struct platform_clock {
@@ -10,6 +12,8 @@ struct platform_clock {
     void (*sleep_us)(uint64_t us);  // suspends the calling thread
 };
 
+// Swaps the door; null, or a null member, stands for the real one. *clock must outlive its use; threads may
+// be running.
 void platform_set_clock(const platform_clock *clock);
 
 uint64_t platform_mono_ms();
@@ -17,8 +21,8 @@ uint64_t platform_wall_ms();
 int64_t platform_wall_sec();  // platform_wall_ms() / 1000
 void platform_sleep_us(uint64_t us);
 
-uint32_t platform_get_tick_ms();  // platform_wall_ms() cut to 32 bits
-void platform_get_localtime_str(char *buf,
-                                uint32_t size);  // "2024-01-02 03:04:05.678", at most size - 2 characters
+uint32_t platform_get_tick_ms();  // platform_wall_ms() cut to 32 bits: compare by subtraction
+// Local time as "2024-01-02 03:04:05.678", cut to size - 2 characters.
+void platform_get_localtime_str(char *buf, uint32_t size);
 
 }  // namespace zeb
