@@ -3,6 +3,10 @@
 #include <atomic>
 #include <cstdint>
 
+// The broker's operating counters: totals since mqtt_stats_init, the same for the current period, and gauges
+// that are sampled when a report or snapshot is made. Every thread counts, without a lock; a report made
+// meanwhile may show one counter of an event without the other.
+
 namespace zeb {
 
 struct mqtt_stats_block {            // every field relaxed
@@ -47,9 +51,9 @@ extern mqtt_stats_block g_mqtt_stats;
 
 void mqtt_stats_init();
 void mqtt_stats_deinit();
-void mqtt_stats_update();
-void mqtt_stats_print();
-void mqtt_stats_reset_period();
+void mqtt_stats_update();                     // samples the gauges
+void mqtt_stats_print();                      // samples, then logs the report
+void mqtt_stats_reset_period();               // totals and gauges stay
 int mqtt_stats_to_json(char *buf, int size);  // 0, or -1 for a null buffer or size below 1024
 
 void mqtt_stats_inc_rx_pkt();
