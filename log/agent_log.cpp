@@ -136,7 +136,7 @@ void write_to_file(const char *prefix, const char *message) {
     char line[k_line_bytes];
     const int room = static_cast<int>(k_file_line_max - strlen(prefix));
     snprintf(line, sizeof line, "%s%.*s\n", prefix, room, message);
-    (void)fputs(line, g_log_file);  // a failed write shows at the next seek, which then closes the file
+    (void)fputs(line, g_log_file);  // a full disk costs this line; a later one may find room
     (void)fflush(g_log_file);
 }
 

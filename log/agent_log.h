@@ -7,9 +7,9 @@
 // The one logger of the process: one configuration, one file, one guard. Any thread may log, and none waits
 // for another: a call that finds the guard set loses its line. Standard output therefore sees nearly every
 // line, the file only those during which another thread's call released the guard. Errors are not reported to
-// the caller: a file that fails is dropped until the next agent_log_init. Nothing here allocates per line,
-// and errno is kept. agent_log_init, agent_log_deinit and agent_log_clear_flash may run while other threads
-// log.
+// the caller: a file that cannot be opened or positioned is dropped until the next agent_log_init. Nothing
+// here allocates per line, and errno is kept. agent_log_init, agent_log_deinit and agent_log_clear_flash may
+// run while other threads log.
 
 namespace zeb {
 
