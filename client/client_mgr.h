@@ -81,6 +81,7 @@ struct mqtt_client {
     std::atomic<uint64_t> generation;   // which connection the record serves; a number is never used twice
     std::atomic<uint32_t> cid_hash;     // client_cid_hash(client_id): a lookup compares it before the text
     std::atomic<uint8_t> closing;       // 1 while a thread runs client_close on the record
+    std::atomic<uint8_t> subs_settled;  // 1 once the packet handler has decided about its subscriptions
     std::atomic<uint8_t> will_counted;  // 1 while g_will_delay_client_count includes the record
     mutable std::mutex id_lock;         // client_id and ip, against readers on other threads
     int32_t pool_index;                 // position over all blocks, fixed when the block is created
@@ -92,6 +93,7 @@ struct client_pool_block {
     std::atomic<uint8_t> used_map[CLIENT_POOL_SIZE];  // 1 = slot allocated
     std::atomic<int32_t> used;
     int32_t capacity;                 // always CLIENT_POOL_SIZE
+    uint8_t born[CLIENT_POOL_SIZE];   // 1 once the record was used and its mutexes exist
     std::atomic<uint64_t> queued[2];  // a bit per record with packets for the send thread
 };
 
@@ -154,9 +156,13 @@ class client_ref {
     mqtt_client *operator->() const { return client_; }
     explicit operator bool() const { return client_ != nullptr; }
 
+    // Takes over a pin that the caller has already set.
+    void adopt(mqtt_client *client) {
+        reset();
+        client_ = client;
+    }
+
   private:
-    friend client_ref client_acquire_by_handle(netip_handle handle);
-    friend client_ref client_acquire_by_cid(const char *cid);
     mqtt_client *client_ = nullptr;
 };
 
@@ -169,6 +175,9 @@ inline bool client_is_online(const mqtt_client *client) {
     const uint32_t state = client->state.load(std::memory_order_relaxed);
     return state == CONNECTED || state == LOGINED;
 }
+
+// Empties a session record without touching the 150 KiB of its lists.
+void client_reset_session(persist_session *session);
 
 // Send path.
 int client_send(mqtt_client *client, const uint8_t *data, int len);  // 0 queued, -1 dropped
@@ -190,5 +199,8 @@ void client_set_will_enhance(mqtt_client *client, uint32_t will_delay_sec, uint3
                              uint8_t payload_format, const char *content_type, const char *response_topic,
                              const uint8_t *correlation_data, uint32_t correlation_len);
 void client_will_delay_scan();
+// A client that is back in time gets no will: cancels what earlier connections of its identifier still have
+// pending. `successor` is the new connection's record.
+void client_cancel_pending_wills(const char *cid, const mqtt_client *successor);
 
 }  // namespace zeb

@@ -60,7 +60,10 @@ void persist_flush();
 void persist_clean_expire();
 
 void persist_mark(persist_session *rec, int kinds);
-int persist_load(persist_session *rec);              // 0; -1 bad argument; -5 out of memory
+int persist_load(persist_session *rec);  // 0; -1 bad argument; -5 out of memory
+// As persist_load; *found tells whether any of the client's files could be opened, which is what makes a
+// stored session: the result alone does not say, a client without files loads as well.
+int persist_load_found(persist_session *rec, bool *found);
 int persist_load_client_only(persist_session *rec);  // 0; -1 bad argument; -4 no subscription file
 int persist_remove(const char *client_id);           // 0; -1 null; -5 out of memory
 void persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int len,

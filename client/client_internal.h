@@ -1,0 +1,57 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "client/client_mgr.h"
+
+// What the client manager's own files share.
+//
+// Lock order: a striped lock (g_client_mgr.locks), a record's send_lock, will_lock, session_lock and id_lock
+// and the pool lock are all leaves towards each other: nobody holds two of them. The QoS list's mutex may be
+// held while send_lock is taken, never the other way round.
+namespace zeb {
+
+// life: bit 31 the record serves a connection, bit 30 its release was asked for, below them the pins.
+inline constexpr uint32_t k_life_alive = 1u << 31;
+inline constexpr uint32_t k_life_dead = 1u << 30;
+
+std::mutex &client_handle_lock(uint32_t handle);
+std::mutex &client_cid_lock(uint32_t hash);
+
+// Pool.
+bool client_pool_add_block();
+void client_pool_free_blocks();
+mqtt_client *client_pool_take();                         // null when every record is taken
+mqtt_client *client_pool_used_record(int block, int i);  // null unless the record is allocated
+client_ref client_acquire_generation(mqtt_client *client,
+                                     uint64_t generation);  // empty: another connection's
+bool client_try_pin(mqtt_client *client);
+
+// Table slots are cleared only where they still point to this record: a newer connection with the same
+// identifier keeps its entry.
+void client_clear_slots(mqtt_client *client);
+
+// From CONNECTED or LOGINED to CLOSING: once this returns, no flush of the record's ring is under way and
+// none begins, so that the handle may be closed and given to another connection.
+void client_enter_closing(mqtt_client *client);
+
+// Tells the send thread that the record's ring holds packets.
+void client_mark_queued(mqtt_client *client);
+
+void client_finish_will(mqtt_client *client);
+
+// Calls visit(record) for each allocated record, blocks and slots in order.
+template <typename Visit>
+void client_for_each_used(Visit visit) {
+    const int blocks = g_client_mgr.block_count.load(std::memory_order_acquire);
+    for (int b = 0; b < blocks; ++b) {
+        if (g_client_mgr.blocks[b].used.load(std::memory_order_relaxed) == 0) continue;
+        for (int i = 0; i < CLIENT_POOL_SIZE; ++i) {
+            if (mqtt_client *client = client_pool_used_record(b, i)) visit(client);
+        }
+    }
+}
+
+}  // namespace zeb

@@ -1,1 +1,0 @@
-#include "packet/packet_handler.h"
