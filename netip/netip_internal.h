@@ -1,0 +1,63 @@
+#pragma once
+
+// What the files of this folder share. "Slot lock held" below means netip_conn::lock of the slot in question.
+
+#include <mutex>
+
+#include "netip/netip.h"
+
+namespace zeb {
+
+inline constexpr uint32_t NETIP_REASON_PEER = 0;  // also: a TCP connection was accepted
+inline constexpr uint32_t NETIP_REASON_CLOSED = 2;
+inline constexpr uint32_t NETIP_REASON_DATA = 3;  // also: a datagram came from a new peer
+
+inline constexpr int NETIP_MAX_IO_THREADS = 8;
+
+// epoll data: the generation above, the slot's index plus one below, so that an event of a closed connection
+// that is still in a batch is not taken for one of its successor.
+inline constexpr uint64_t NETIP_EPOLL_LISTEN = 0;
+inline constexpr uint64_t NETIP_EPOLL_WAKE = UINT64_MAX;
+
+inline constexpr uint32_t NETIP_EPOLL_INPUT = EPOLLIN | EPOLLERR | EPOLLHUP;
+
+struct io_worker {
+    int index = 0;
+    int epoll_fd = -1;
+    int wake_fd = -1;  // readable once the worker has to end; -1: it notices within its 100 ms timeout
+    epoll_event *events = nullptr;
+};
+
+// Written before the threads start and after they ended.
+extern io_worker g_io_workers[NETIP_MAX_IO_THREADS];
+
+inline netip_handle netip_index(const netip_conn &conn) {
+    return static_cast<netip_handle>(&conn - g_netip_clients);
+}
+
+// netip_table.cpp
+void netip_table_clear();     // no thread of the module is running
+uint32_t netip_table_used();  // no slot at or above this index was taken since the table was cleared
+bool netip_is_current(const netip_conn &conn, uint32_t generation);
+uint64_t netip_epoll_data(const netip_conn &conn);
+// Take a free slot with g_netip_lock held; null when the table is full.
+netip_conn *netip_take_slot(netip_conn_type type, int fd, const sockaddr_in &peer, uint32_t *generation);
+
+// netip_close.cpp
+// Calls the callback; false when a DISCONNECT was answered with 0, true also when there is no callback.
+bool netip_fire(netip_handle h, netip_event event, const uint8_t *data, uint32_t len, uint32_t reason);
+void netip_close_by_peer(netip_conn &conn, uint32_t generation);  // the slot is pinned by the caller
+void netip_close_at_deinit(netip_conn &conn);
+void netip_give_back_slot(netip_conn &conn, uint32_t generation);  // without an event; closes the socket
+
+// netip_read.cpp: true when the connection has to be closed. The slot is pinned by the caller.
+bool netip_read_connection(netip_conn &conn, uint32_t generation);
+
+// netip_send.cpp
+void netip_output_ready(netip_conn &conn, uint32_t generation);
+void netip_send_last_bytes(netip_conn &conn);  // slot lock held
+
+// netip_udp.cpp
+void netip_udp_forget_peers();
+
+}  // namespace zeb

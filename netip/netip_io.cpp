@@ -1,0 +1,72 @@
+#include <cerrno>
+
+#include "log/agent_log.h"
+#include "log/platform_time.h"
+#include "netip/netip_internal.h"
+
+namespace zeb {
+
+namespace {
+
+constexpr int k_wait_ms = 100;
+constexpr uint64_t k_idle_pause_us = 100;
+constexpr uint64_t k_failure_pause_us = 10000;
+
+// While a slot is pinned its receive state belongs to this thread, and nobody gets the slot even if the
+// connection is closed. False for an event of a connection that is gone.
+bool pin(netip_conn &conn, uint32_t generation) {
+    std::lock_guard guard(conn.lock);
+    if (!netip_is_current(conn, generation)) return false;
+    conn.io_busy.store(1, std::memory_order_relaxed);
+    return true;
+}
+
+void unpin(netip_conn &conn) {
+    std::lock_guard guard(conn.lock);
+    if (conn.in_use.load(std::memory_order_relaxed) == 0) {
+        conn.rx_len = 0;
+        conn.pkt_len = 0;
+        conn.pkt_len_known = 0;
+    }
+    conn.io_busy.store(0, std::memory_order_release);
+}
+
+void handle_event(const epoll_event &event) {
+    if (event.data.u64 == NETIP_EPOLL_LISTEN || event.data.u64 == NETIP_EPOLL_WAKE) return;
+    netip_conn &conn = g_netip_clients[static_cast<uint32_t>(event.data.u64) - 1];
+    const uint32_t generation = static_cast<uint32_t>(event.data.u64 >> 32);
+    if (!pin(conn, generation)) return;
+    bool ended = (event.events & (EPOLLERR | EPOLLHUP)) != 0;
+    if (!ended && (event.events & EPOLLOUT) != 0) netip_output_ready(conn, generation);
+    if (!ended && (event.events & EPOLLIN) != 0) ended = netip_read_connection(conn, generation);
+    if (ended) netip_close_by_peer(conn, generation);
+    unpin(conn);
+}
+
+// The number of events; 0 after a timeout or a failure, the pause having been made.
+int wait_for_events(const io_worker &worker) {
+    const int count = epoll_wait(worker.epoll_fd, worker.events, NETIP_MAX_EVENTS, k_wait_ms);
+    if (count > 0) return count;
+    if (count == 0) {
+        platform_sleep_us(k_idle_pause_us);
+    } else if (errno != EINTR) {
+        ZEB_LOG(AGENT_LOG_ERROR, "[IO] epoll_wait 错误, errno=%d", errno);
+        platform_sleep_us(k_failure_pause_us);
+    }
+    return 0;
+}
+
+}  // namespace
+
+void *netip_io_thread(void *arg) {
+    const io_worker &worker = arg != nullptr ? *static_cast<io_worker *>(arg) : g_io_workers[0];
+    while (g_netip_running.load(std::memory_order_relaxed) != 0) {
+        const int count = wait_for_events(worker);
+        if (count == 0) continue;
+        for (int i = 0; i < count; ++i) handle_event(worker.events[i]);
+        if (worker.index == 0 && g_netip_udp >= 0) netip_udp_recv();
+    }
+    return nullptr;
+}
+
+}  // namespace zeb

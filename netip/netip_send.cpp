@@ -1,0 +1,125 @@
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "netip/netip_internal.h"
+
+namespace zeb {
+
+namespace {
+
+static_assert(NETIP_RX_BUF_SIZE <= UINT16_MAX, "unsent_offset and unsent_len are 16 bits wide");
+constexpr int k_max_packet = NETIP_RX_BUF_SIZE;
+
+// Kept apart from the slots: a connection whose peer keeps up never touches its page here. Slot lock held.
+uint8_t g_unsent[NETIP_MAX_CONN][NETIP_RX_BUF_SIZE];
+
+ssize_t send_bytes(int fd, const uint8_t *data, std::size_t len) {
+    ssize_t sent;
+    do {
+        sent = send(fd, data, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
+bool change_interest(const netip_conn &conn, uint32_t events) {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = netip_epoll_data(conn);
+    return epoll_ctl(g_io_workers[conn.worker].epoll_fd, EPOLL_CTL_MOD, conn.fd, &event) == 0;
+}
+
+// Only while something waits: an interest that is left on would wake the I/O thread all the time.
+void watch_output(netip_conn &conn) {
+    if (conn.output_watched == 0) {
+        // A socket that has left epoll never turns writable for us, so its sender has to go on trying.
+        if (!change_interest(conn, NETIP_EPOLL_INPUT | EPOLLOUT)) return;
+        conn.output_watched = 1;
+    }
+    conn.send_blocked.store(1, std::memory_order_relaxed);
+}
+
+void stop_watching_output(netip_conn &conn) {
+    if (conn.output_watched != 0 && change_interest(conn, NETIP_EPOLL_INPUT)) conn.output_watched = 0;
+    conn.send_blocked.store(0, std::memory_order_relaxed);
+}
+
+int send_failed(netip_conn &conn) {
+    if (errno != EAGAIN) return NETIP_ERR_PARAM;
+    watch_output(conn);
+    return NETIP_ERR_WOULDBLOCK;
+}
+
+void keep_unsent(netip_conn &conn, const uint8_t *data, std::size_t len) {
+    memcpy(g_unsent[netip_index(conn)], data, len);
+    conn.unsent_offset = 0;
+    conn.unsent_len = static_cast<uint16_t>(len);
+    watch_output(conn);
+}
+
+// NETIP_OK once nothing is left. The rest stays whatever the failure, for the stream would be torn without
+// it.
+int send_unsent(netip_conn &conn) {
+    while (conn.unsent_len > 0) {
+        const ssize_t sent =
+            send_bytes(conn.fd, g_unsent[netip_index(conn)] + conn.unsent_offset, conn.unsent_len);
+        if (sent < 0) return send_failed(conn);
+        conn.unsent_offset = static_cast<uint16_t>(conn.unsent_offset + sent);
+        conn.unsent_len = static_cast<uint16_t>(conn.unsent_len - sent);
+    }
+    return NETIP_OK;
+}
+
+int send_packet(netip_conn &conn, const uint8_t *buf, std::size_t len) {
+    const int code = send_unsent(conn);
+    if (code != NETIP_OK) return code;
+    const ssize_t sent = send_bytes(conn.fd, buf, len);
+    if (sent < 0) return send_failed(conn);
+    if (sent < 1) return NETIP_ERR_PARAM;
+    const std::size_t taken = static_cast<std::size_t>(sent);
+    if (taken < len) keep_unsent(conn, buf + taken, len - taken);
+    return NETIP_OK;
+}
+
+int send_datagram(const netip_conn &conn, const uint8_t *buf, std::size_t len) {
+    ssize_t sent;
+    do {
+        sent = sendto(conn.fd, buf, len, MSG_NOSIGNAL | MSG_DONTWAIT,
+                      reinterpret_cast<const sockaddr *>(&conn.peer_addr), conn.peer_addr_len);
+    } while (sent < 0 && errno == EINTR);
+    return sent < 1 ? NETIP_ERR_PARAM : NETIP_OK;
+}
+
+}  // namespace
+
+int netip_send(netip_handle h, const uint8_t *buf, int len) {
+    if (len < 1 || len > k_max_packet || buf == nullptr || h >= NETIP_MAX_CONN) return NETIP_ERR_PARAM;
+    netip_conn &conn = g_netip_clients[h];
+    if (conn.in_use.load(std::memory_order_relaxed) == 0) return NETIP_ERR_PARAM;
+    // The lock keeps the descriptor ours during the call, and packets of several senders apart.
+    std::lock_guard guard(conn.lock);
+    if (conn.in_use.load(std::memory_order_relaxed) == 0) return NETIP_ERR_PARAM;
+    const std::size_t size = static_cast<std::size_t>(len);
+    return conn.type == NETIP_TYPE_UDP ? send_datagram(conn, buf, size) : send_packet(conn, buf, size);
+}
+
+bool netip_send_blocked(netip_handle h) {
+    return h < NETIP_MAX_CONN && g_netip_clients[h].send_blocked.load(std::memory_order_relaxed) != 0;
+}
+
+void netip_output_ready(netip_conn &conn, uint32_t generation) {
+    std::lock_guard guard(conn.lock);
+    if (!netip_is_current(conn, generation)) return;
+    // On a failure the interest goes too: epoll would report the same readiness for ever.
+    if (send_unsent(conn) != NETIP_ERR_WOULDBLOCK) stop_watching_output(conn);
+}
+
+void netip_send_last_bytes(netip_conn &conn) {
+    if (conn.unsent_len > 0)
+        (void)send_bytes(conn.fd, g_unsent[netip_index(conn)] + conn.unsent_offset, conn.unsent_len);
+}
+
+void netip_register_send_ready_cb(netip_send_ready_cb) {}
+
+}  // namespace zeb
