@@ -5,7 +5,13 @@
 #include <cstdint>
 #include <mutex>
 
+#include "sub/sub_route.h"
+
 namespace zeb {
+
+// The table of all subscriptions, and the memory of the retained messages (sub/retain_store.h). Any thread
+// may call anything here; g_sub_mgr.lock serialises it all, and no other lock is taken while a function of
+// this folder holds it. Without sub_init, or after sub_deinit, there are no entries and none can be added.
 
 inline constexpr int SUB_MAX = 10000;
 inline constexpr int RETAIN_MAX = 1000;
@@ -33,12 +39,19 @@ static_assert(offsetof(retain_msg, payload) == 257 && offsetof(retain_msg, paylo
               offsetof(retain_msg, qos) == 2312 && offsetof(retain_msg, timestamp) == 2320 &&
               offsetof(retain_msg, expiry_interval) == 2328);
 
+struct sub_index;  // sub/sub_index.h
+
 struct sub_manager {
     mqtt_subscription *subs;            // SUB_MAX entries, packed
     std::atomic<int32_t> sub_count;     // written under lock, sampled without it
     retain_msg *retains;                // RETAIN_MAX entries, packed
     std::atomic<int32_t> retain_count;  // written under lock, sampled without it
     std::mutex lock;
+
+    // Private to the module, guarded by lock.
+    sub_index *index;                  // null: the table is walked
+    uint32_t retain_hash[RETAIN_MAX];  // text_hash of the topics, by position
+    int32_t retain_hashed;             // how many of them are known
 };
 
 extern sub_manager g_sub_mgr;
@@ -50,6 +63,11 @@ int sub_add_with_id(const char *client_id, const char *topic_filter, uint32_t qo
                     uint32_t subscription_identifier);
 int sub_remove(const char *client_id, const char *topic_filter);  // null filter: all of the client
 int sub_match(const char *topic, mqtt_subscription *results, int max_matched);
+
+// sub_match for routing: the same entries in the same order, without copying whole entries. Returns the
+// count, 0 for bad arguments, -1 when there is no memory.
+int sub_match_routes(const char *topic, sub_route_list *out, int max_matched);
+
 int sub_get_client_sub_count(const char *client_id);
 int sub_find_by_identifier(uint32_t subscription_identifier, mqtt_subscription *out);
 
