@@ -5,6 +5,15 @@
 
 #include "sdk/zeb_sdk_mqtt_broker.h"  // mqtt_connect_para
 
+// Turns MQTT 3.1.1 (level 4) and MQTT 5.0 (level 5) control packets into records and back.
+//
+// Nothing is allocated and nothing is kept between calls but the fields of the context. Encoders and decoders
+// may run at the same time on one context: the connection's thread decodes while others encode for it. The
+// record and the buffer of a call belong to that call alone. No locks, no clocks; all results are
+// mqtt_codec_error values.
+//
+// Wire numbers are big-endian, packet identifiers in records are host-order numbers. Texts of a decoded
+// record are NUL-terminated; texts handed to an encoder are never read past their arrays.
 namespace zeb {
 
 using ::mqtt_connect_para;
@@ -99,15 +108,20 @@ struct mqtt_disconnect_para {
     char user_property[65];
 };
 
+// Level 4 and everything else zero. MQTT_CODEC_ERR_PARAM when ctx is NULL.
 int mqtt_codec_ctx_init(mqtt_codec_ctx *ctx);
 const char *mqtt_codec_error_str(int code);  // "参数非法" .. "功能暂不支持", else "未知错误"
 
 // Bytes written (1..4), 0 on failure.
 int codec_encode_remaining_length(uint8_t *buf, uint32_t len);
-// The value, or -1; *consumed is set only on success.
+// The value, or -1; *consumed is set only on success. At most three bytes (2097151) are accepted, one fewer
+// than the encoder produces.
 int32_t codec_decode_remaining_length(const uint8_t *buf, int avail, int *consumed);
 
-// Encoders: *buf_len is the capacity on entry, the packet length on success.
+// Encoders: *buf_len is the capacity of buf on entry and the packet length on success; it is not touched on
+// failure. A capacity below 128 bytes is refused as a bad parameter (CONNACK of level 4: below 4; DISCONNECT:
+// below 1). The context's level selects the layout and last_packet_type is set on success. A body that would
+// overrun the encoder's own limit (2112 bytes; SUBSCRIBE and UNSUBSCRIBE 1024) gives MQTT_CODEC_ERR_BUFFER.
 int mqtt_codec_encode_connect(mqtt_codec_ctx *ctx, const mqtt_connect_para *para, uint8_t *buf, int *buf_len);
 int mqtt_codec_encode_connack(mqtt_codec_ctx *ctx, const mqtt_connack_para *para, uint8_t *buf, int *buf_len);
 int mqtt_codec_encode_publish(mqtt_codec_ctx *ctx, const mqtt_publish_para *para, uint8_t *buf, int *buf_len);
@@ -121,7 +135,20 @@ int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx *ctx, const mqtt_unsubscribe_pa
 int mqtt_codec_encode_disconnect(mqtt_codec_ctx *ctx, const mqtt_disconnect_para *para, uint8_t *buf,
                                  int *buf_len);
 
-// Decoders: *buf_len is the number of bytes available on entry, the bytes consumed on success.
+// Where the two bytes of the packet identifier stand in an encoded PUBLISH, counted from its first byte. With
+// it one encoded packet can be given to several receivers, each under an identifier of its own (high byte
+// first).
+//
+// packet, len: a whole PUBLISH, as mqtt_codec_encode_publish leaves it in (buf, *buf_len).
+// Returns the offset, at most len - 2; -1 when there is none: QoS 0, another packet type, a packet cut short.
+int mqtt_codec_publish_id_offset(const uint8_t *packet, int len);
+
+// Decoders: *buf_len is the number of bytes available on entry and the bytes consumed on success; it is not
+// touched on failure, when the record must not be used either. Bytes after the packet are ignored.
+//
+// The context's level is set by CONNECT (from the packet, also when a later field is refused), by CONNACK,
+// PUBLISH, the acknowledgements and the simple packets (from the packet's shape), and by UNSUBSCRIBE when it
+// was neither 4 nor 5. SUBSCRIBE and DISCONNECT follow it as it stands.
 int mqtt_codec_decode_connect(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len, mqtt_connect_para *para);
 int mqtt_codec_decode_connack(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len, mqtt_connack_para *para);
 int mqtt_codec_decode_publish(mqtt_codec_ctx *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para *para);
