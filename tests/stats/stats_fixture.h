@@ -44,6 +44,7 @@ class stats_fixture : public testing::Test {
     }
     // The first `count` records of the pool serve clients that are online, the others none.
     void set_online(int count) {
+        block_->used.store(count);
         for (int i = 0; i < k_records; ++i) {
             block_->used_map[i].store(i < count ? 1 : 0);
             record(i).state.store(i < count ? zeb::LOGINED : zeb::CLOSED);
