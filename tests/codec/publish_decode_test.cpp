@@ -1,0 +1,467 @@
+#include "tests/codec/codec_test.h"
+
+using namespace zeb_test;
+
+namespace {
+
+using row = decode_row<mqtt_publish_para>;
+
+void run(const std::vector<row> &rows) {
+    for (const row &r : rows) run_decode_row<mqtt_publish_para>(mqtt_codec_decode_publish, r, 3);
+}
+
+std::string payload(const mqtt_publish_para &p) {
+    return std::string(reinterpret_cast<const char *>(p.payload), p.payload_len);
+}
+
+}  // namespace
+
+class publish_decode : public quiet_codec_test {};
+
+TEST_F(publish_decode, the_level_is_recognised_by_the_shape_of_the_packet) {
+    run({
+        {"a first payload byte that is no fitting length means level 4",
+         5,
+         "30 07 00 03 'a/b' 'hi'",
+         0,
+         {},
+         9,
+         4,
+         [](const mqtt_publish_para &p) {
+             EXPECT_STREQ(p.topic, "a/b");
+             EXPECT_EQ(payload(p), "hi");
+             EXPECT_EQ(p.qos, 0u);
+             EXPECT_EQ(p.retain, 0);
+             EXPECT_EQ(p.dup, 0);
+             EXPECT_EQ(p.packet_id, 0);
+             EXPECT_EQ(p.msg_expiry_interval, 0u);
+             EXPECT_EQ(p.topic_alias, 0);
+         }},
+        {"a lone zero is an empty block of level 5",
+         4,
+         "30 06 00 03 'a/b' 00",
+         0,
+         {},
+         8,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 0u); }},
+        {"an empty block, then payload",
+         4,
+         "30 08 00 03 'a/b' 00 'hi'",
+         0,
+         {},
+         10,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), "hi"); }},
+        {"nothing behind the topic means level 4",
+         5,
+         "30 05 00 03 'a/b'",
+         0,
+         {},
+         7,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 0u); }},
+        {"a length of all that is left",
+         4,
+         "30 0B 00 03 'a/b' 05 02 00 00 00 3C",
+         0,
+         {},
+         13,
+         5,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.msg_expiry_interval, 60u);
+             EXPECT_EQ(p.payload_len, 0u);
+         }},
+        {"a length of one more than is left",
+         5,
+         "30 0B 00 03 'a/b' 06 02 00 00 00 3C",
+         0,
+         {},
+         13,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 6u); }},
+        {"a length of two bytes that fits",
+         4,
+         "30 07 00 03 'a/b' 80 00",
+         0,
+         {},
+         9,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 0u); }},
+        {"a length cut short by the packet",
+         5,
+         "30 06 00 03 'a/b' 80",
+         0,
+         {},
+         8,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 1u); }},
+        {"a length of four bytes is payload",
+         5,
+         "30 09 00 03 'a/b' 80 80 80 00",
+         0,
+         {},
+         11,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 4u); }},
+        {"a 3.1.1 payload that begins like a block loses it",
+         4,
+         "30 09 00 03 'a/b' 01 99 'hi'",
+         0,
+         {"WARN", "PUBLISH decode: unknown property type 0x99, pos=9"},
+         11,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), "i"); }},
+    });
+}
+
+TEST_F(publish_decode, a_long_text_of_level_4_loses_what_reads_as_a_block) {
+    // 0x78 is 120 and fits; the block's first property is unknown and has 120 bytes of its own.
+    run({
+        {"200 letters",
+         4,
+         pkt("30", "00 01 'a' " + rep(200, 'x')),
+         0,
+         {"WARN", "PUBLISH decode: unknown property type 0x78, pos=8"},
+         3 + 3 + 200,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), std::string(200 - 1 - 2 - 120, 'x')); }},
+        {"100 letters are too few for that",
+         5,
+         pkt("30", "00 01 'a' " + rep(100, 'x')),
+         0,
+         {},
+         2 + 3 + 100,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), std::string(100, 'x')); }},
+    });
+}
+
+TEST_F(publish_decode, the_trace_tells_why_a_packet_is_taken_for_level_4) {
+    mqtt_codec_ctx ctx{};
+    auto para = dirty_record<mqtt_publish_para>();
+    const bytes wire = hex("30 07 00 03 'a/b' 'hi'");
+    int len = static_cast<int>(wire.size());
+    log_capture log;
+    EXPECT_EQ(mqtt_codec_decode_publish(&ctx, wire.data(), &len, para.get()), 0);
+    EXPECT_TRUE(log.has("DEBUG", "PUBLISH decode: no MQTT 5.0 prop (prop_len=104), version remain 3.1.1"))
+        << log.text();
+}
+
+TEST_F(publish_decode, flags_and_packet_identifiers) {
+    run({
+        {"QoS 1, retained",
+         4,
+         "33 07 00 01 'a' 12 34 'hi'",
+         0,
+         {},
+         9,
+         4,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.qos, 1u);
+             EXPECT_EQ(p.retain, 1);
+             EXPECT_EQ(p.packet_id, 0x1234);
+             EXPECT_EQ(payload(p), "hi");
+         }},
+        {"QoS 2, repeated, level 5",
+         4,
+         "3C 08 00 01 'a' FF FF 00 'hi'",
+         0,
+         {},
+         10,
+         5,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.qos, 2u);
+             EXPECT_EQ(p.dup, 1);
+             EXPECT_EQ(p.packet_id, 0xFFFF);
+         }},
+        {"DUP at QoS 0 is accepted",
+         4,
+         "38 05 00 01 'a' 'hi'",
+         0,
+         {},
+         7,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.dup, 1); }},
+        {"QoS 3",
+         4,
+         "36 07 00 01 'a' 12 34 'hi'",
+         -4,
+         {"ERROR", "PUBLISH decode: invalid QoS=3 (protocol require 0/1/2)"}},
+        {"identifier 0",
+         4,
+         "32 07 00 01 'a' 00 00 'hi'",
+         -4,
+         {"ERROR", "PUBLISH decode: invalid msg id=0 (protocol require 1~65535 for QoS1/QoS2)"}},
+        {"one byte of identifier",
+         4,
+         "32 04 00 01 'a' 12",
+         -4,
+         {"ERROR",
+          "PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=1, pos+2=7 > buf_len=6"}},
+        {"no identifier",
+         4,
+         "34 03 00 01 'a'",
+         -4,
+         {"ERROR",
+          "PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=0, pos+2=7 > buf_len=5"}},
+        {"another type",
+         4,
+         "42 07 00 01 'a' 12 34 'hi'",
+         -4,
+         {"ERROR", "PUBLISH decode: not a PUBLISH packet (type=4, expect=3)"}},
+    });
+}
+
+TEST_F(publish_decode, bad_lengths) {
+    run({
+        {"a length of four bytes",
+         4,
+         "30 87 80 80 00 00 03 'a/b' 'hi'",
+         -4,
+         {"ERROR",
+          "PUBLISH decode: invalid remaining length (len=-1, consumed=0, total need=0, buf_len=12)"}},
+        {"longer than the buffer",
+         4,
+         "30 08 00 03 'a/b' 'hi'",
+         -4,
+         {"ERROR", "PUBLISH decode: invalid remaining length (len=8, consumed=1, total need=10, buf_len=9)"}},
+        {"no topic length",
+         4,
+         "30 00",
+         -4,
+         {"ERROR", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=2"}},
+        {"half a topic length",
+         4,
+         "30 01 00",
+         -4,
+         {"ERROR", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=3"}},
+        {"a topic past the buffer",
+         4,
+         "30 04 00 03 'a/'",
+         -4,
+         {"ERROR", "PUBLISH decode: buffer too short for topic content - pos+len=7 > buf_len=6"}},
+    });
+}
+
+TEST_F(publish_decode, a_topic_has_1_to_256_bytes) {
+    run({
+        {"none, also with an alias at level 5",
+         5,
+         pkt("30", "00 00 03 23 00 05 'hi'"),
+         -4,
+         {"ERROR", "PUBLISH decode: invalid topic length=0 (protocol require non-empty topic)"}},
+        {"256",
+         4,
+         pkt("30", "01 00 " + rep(256)),
+         0,
+         {},
+         3 + 258,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(strlen(p.topic), 256u); }},
+        {"257",
+         4,
+         pkt("30", "01 01 " + rep(257)),
+         -4,
+         {"ERROR", "PUBLISH decode: topic length exceed max (257 > 256)"}},
+        {"65535 is too long before it is missing",
+         4,
+         pkt("30", "FF FF 'a'"),
+         -4,
+         {"ERROR", "PUBLISH decode: topic length exceed max (65535 > 256)"}},
+    });
+}
+
+TEST_F(publish_decode, a_topic_is_bounded_by_the_buffer_and_leaves_no_payload) {
+    run({
+        {"topic behind the packet's end",
+         5,
+         "30 00 00 01 'a'",
+         0,
+         {},
+         5,
+         4,
+         [](const mqtt_publish_para &p) {
+             EXPECT_STREQ(p.topic, "a");
+             EXPECT_EQ(p.payload_len, 0u);
+         }},
+        {"an identifier behind it is not looked for",
+         4,
+         "32 02 00 01 'a' 00 01",
+         -4,
+         {"ERROR",
+          "PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=-1, pos+2=7 > buf_len=7"}},
+    });
+}
+
+TEST_F(publish_decode, properties) {
+    const std::string t = "00 01 'a' ";
+    run({
+        {"expiry and alias",
+         4,
+         pkt("30", t + "08 02 00 00 00 3C 23 00 05 'hi'"),
+         0,
+         {},
+         16,
+         5,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.msg_expiry_interval, 60u);
+             EXPECT_EQ(p.topic_alias, 5);
+             EXPECT_EQ(payload(p), "hi");
+         }},
+        {"an unknown one is skipped by its length",
+         4,
+         pkt("30", t + "07 99 02 AA BB 23 00 05 'hi'"),
+         0,
+         {"WARN", "PUBLISH decode: unknown property type 0x99, pos=7"},
+         15,
+         5,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.topic_alias, 5);
+             EXPECT_EQ(payload(p), "hi");
+         }},
+        {"an expiry cut short by the block takes its five bytes all the same",
+         4,
+         pkt("30", t + "03 02 00 00 'hello'"),
+         0,
+         {"WARN", "PUBLISH decode: msg_expiry_interval buffer short - pos=7, need 4 bytes"},
+         14,
+         5,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.msg_expiry_interval, 0u);
+             EXPECT_EQ(payload(p), "llo");
+         }},
+        {"an alias cut short by the block",
+         4,
+         pkt("30", t + "02 23 00 'hello'"),
+         0,
+         {"WARN", "PUBLISH decode: topic_alias buffer short - pos=7, need 2 bytes"},
+         13,
+         5,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.topic_alias, 0);
+             EXPECT_EQ(payload(p), "ello");
+         }},
+        {"a step behind the packet leaves no payload",
+         4,
+         pkt("30", t + "01 02 'hi'"),
+         0,
+         {"WARN", "PUBLISH decode: msg_expiry_interval buffer short - pos=7, need 4 bytes"},
+         9,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 0u); }},
+        {"an unknown one without a length",
+         4,
+         pkt("30", t + "01 99 'hi'"),
+         0,
+         {"ERROR", "PUBLISH decode: invalid attr len for type 0x99, skip 1 byte"},
+         9,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), "i"); }},
+        {"a skip far behind the packet leaves no payload",
+         4,
+         pkt("30", t + "03 99 80 23 'hello'"),
+         0,
+         {"WARN", "PUBLISH decode: unknown property type 0x99, pos=7"},
+         14,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 0u); }},
+        {"an undecodable length moves two bytes on from the identifier",
+         4,
+         pkt("30", t + "08 99 80 80 80 00 23 00 05 'hi'"),
+         0,
+         {"ERROR", "PUBLISH decode: invalid attr len for type 0x99, skip 1 byte"},
+         16,
+         5,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.topic_alias, 5);  // 80 00 in between reads as one more unknown property
+             EXPECT_EQ(payload(p), "hi");
+         }},
+        {"the packet's level does not depend on the connection's",
+         9,
+         pkt("30", t + "03 23 00 05"),
+         0,
+         {},
+         9,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.topic_alias, 5); }},
+    });
+}
+
+TEST_F(publish_decode, a_payload_above_2048_bytes_is_cut) {
+    run({
+        {"3000 bytes",
+         5,
+         pkt("30", "00 01 'a' " + rep(3000, '\xFF')),
+         0,
+         {"WARN", "PUBLISH decode: payload length exceed max (3000 > 2048), truncate to max"},
+         3 + 3 + 2048,
+         4,
+         [](const mqtt_publish_para &p) {
+             EXPECT_EQ(p.payload_len, 2048u);
+             EXPECT_EQ(payload(p), std::string(2048, '\xFF'));
+         }},
+        {"2048 bytes",
+         4,
+         pkt("30", "00 01 'a' 00 " + rep(2048, 'p')),
+         0,
+         {},
+         3 + 4 + 2048,
+         5,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 2048u); }},
+    });
+}
+
+TEST_F(publish_decode, bytes_behind_the_packet_are_left) {
+    run({
+        {"another packet",
+         5,
+         "30 05 00 01 'a' 'hi' C0 00",
+         0,
+         {},
+         7,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), "hi"); }},
+    });
+}
+
+TEST_F(publish_decode, a_refused_packet_changes_neither_level_nor_type) {
+    mqtt_codec_ctx ctx{};
+    auto para = dirty_record<mqtt_publish_para>();
+    for (const char *wire_hex : {"36 05 00 01 'a' 'hi'", "30 04 00 00 'hi'", "32 05 00 01 'a' 00 00"}) {
+        mqtt_codec_ctx_init(&ctx);
+        const bytes wire = hex(wire_hex);
+        int len = static_cast<int>(wire.size());
+        EXPECT_EQ(mqtt_codec_decode_publish(&ctx, wire.data(), &len, para.get()), -4) << wire_hex;
+        EXPECT_EQ(ctx.protocol_version, 4u);
+        EXPECT_EQ(ctx.last_packet_type, 0u);
+        EXPECT_EQ(para->payload_len, 0u);
+        EXPECT_EQ(para->msg_expiry_interval, 0u);
+    }
+}
+
+TEST_F(publish_decode, bad_arguments) {
+    mqtt_codec_ctx ctx{};
+    auto para = dirty_record<mqtt_publish_para>();
+    heap_block in(2);
+    const void *const c = &ctx;
+    const void *const p = para.get();
+    const void *const b = in.data();
+    const void *const none = nullptr;
+    int len = 2;
+    int short_len = 1;
+    const void *const l = &len;
+    const void *const s = &short_len;
+    log_capture log;
+    EXPECT_EQ(mqtt_codec_decode_publish(nullptr, in.data(), &len, para.get()), -1);
+    EXPECT_EQ(mqtt_codec_decode_publish(&ctx, nullptr, &len, para.get()), -1);
+    EXPECT_EQ(mqtt_codec_decode_publish(&ctx, in.data(), nullptr, para.get()), -1);
+    EXPECT_EQ(mqtt_codec_decode_publish(&ctx, in.data(), &len, nullptr), -1);
+    EXPECT_EQ(mqtt_codec_decode_publish(&ctx, in.data(), &short_len, para.get()), -1);
+    constexpr char text[] = "PUBLISH decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d, para=%p)";
+    EXPECT_TRUE(log.has("ERROR", format(text, none, b, l, 2, p))) << log.text();
+    EXPECT_TRUE(log.has("ERROR", format(text, c, none, l, 2, p))) << log.text();
+    EXPECT_TRUE(log.has("ERROR", format(text, c, b, none, 0, p))) << log.text();
+    EXPECT_TRUE(log.has("ERROR", format(text, c, b, l, 2, none))) << log.text();
+    EXPECT_TRUE(log.has("ERROR", format(text, c, b, s, 1, p))) << log.text();
+}
