@@ -15,9 +15,9 @@ namespace zeb {
 //
 // Not locked; the owner's lock guards it.
 
-// Deeper filters hang on the node of their first levels. So 10000 filters of a thousand levels each stay
-// cheap.
-inline constexpr int FILTER_TRIE_DEPTH = 16;
+// Deeper filters hang on the node of their first levels. So filters of a thousand levels each stay cheap, and
+// as "+" doubles the ways at most once per level, no topic leads through more than some thousand nodes.
+inline constexpr int FILTER_TRIE_DEPTH = 12;
 
 struct filter_trie_node {
     id_link link;      // siblings in the bucket of (parent, label)

@@ -9,14 +9,13 @@ namespace zeb {
 template <int N>
 class position_set {
   public:
-    void add(int pos) { words_[pos / 64] |= uint64_t{1} << (pos % 64); }
+    void add(int pos) {
+        count_ += has(pos) ? 0 : 1;
+        words_[pos / 64] |= uint64_t{1} << (pos % 64);
+    }
     bool has(int pos) const { return (words_[pos / 64] >> (pos % 64) & 1) != 0; }
 
-    int count() const {
-        int n = 0;
-        for (const uint64_t word : words_) n += __builtin_popcountll(word);
-        return n;
-    }
+    int count() const { return count_; }
 
     // The lowest member that is not below `from`, or -1.
     int next(int from) const {
@@ -33,6 +32,7 @@ class position_set {
   private:
     static constexpr int k_words = (N + 63) / 64;
     uint64_t words_[k_words] = {};
+    int count_ = 0;
 };
 
 }  // namespace zeb

@@ -36,6 +36,7 @@ struct index_group {
     id_link link;  // groups of one node
     id_list members;
     int32_t node;
+    uint32_t hash;  // text_hash of the effective filter
     bool open_ended;
 };
 
@@ -63,20 +64,24 @@ const char *filter_of_group(const sub_index *index, int32_t group) {
     return index->subs[index->entries[first].pos].topic_filter;
 }
 
-int32_t find_group(const sub_index *index, int32_t node, const char *effective) {
+int32_t find_group(const sub_index *index, int32_t node, const char *effective, uint32_t hash) {
     int32_t group = index->trie.nodes[node].groups.first;
-    while (group != 0 && std::strcmp(topic_filter_effective(filter_of_group(index, group)), effective) != 0)
-        group = index->groups[group].link.next;
+    for (; group != 0; group = index->groups[group].link.next)
+        if (index->groups[group].hash == hash &&
+            std::strcmp(topic_filter_effective(filter_of_group(index, group)), effective) == 0)
+            break;
     return group;
 }
 
 int32_t enter_group(sub_index *index, const char *topic_filter) {
     const char *effective = topic_filter_effective(topic_filter);
     const filter_trie_place place = index->trie.enter(effective);
-    int32_t group = find_group(index, place.node, effective);
+    const uint32_t hash = text_hash(effective);
+    int32_t group = find_group(index, place.node, effective, hash);
     if (group != 0) return group;
     group = index->groups.take();
     index->groups[group].node = place.node;
+    index->groups[group].hash = hash;
     index->groups[group].open_ended = place.open_ended;
     index->trie.nodes[place.node].groups.append(index->groups, &index_group::link, group);
     return group;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/sub/numbered.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
 
@@ -16,6 +17,7 @@ using zeb::g_sub_mgr;
 using zeb::retain_msg;
 using zeb::retain_msg_get;
 using zeb_test::log_capture;
+using zeb_test::numbered;
 
 class retain_store : public testing::Test {
   protected:
@@ -110,7 +112,7 @@ TEST_F(retain_store, an_empty_payload_for_an_unknown_topic_stores_nothing) {
 }
 
 TEST_F(retain_store, the_1001st_topic_is_refused_but_updates_work) {
-    for (int i = 0; i < zeb::RETAIN_MAX; ++i) ASSERT_EQ(set(("t/" + std::to_string(i)).c_str(), "v"), 0);
+    for (int i = 0; i < zeb::RETAIN_MAX; ++i) ASSERT_EQ(set(numbered("t/", i).c_str(), "v"), 0);
     log_capture &log = listen(zeb::AGENT_LOG_INFO);
     EXPECT_EQ(set("t/1000", "v"), -4);
     EXPECT_EQ(set_for("t/1000", "v", 5), -4);
@@ -152,8 +154,7 @@ TEST_F(retain_store, without_expiry_a_message_lives_seven_days) {
 }
 
 TEST_F(retain_store, several_expired_messages_go_in_one_pass) {
-    for (int i = 0; i < 9; ++i)
-        ASSERT_EQ(set_for(("t" + std::to_string(i)).c_str(), "v", i % 3 == 0 ? 100 : 10), 0);
+    for (int i = 0; i < 9; ++i) ASSERT_EQ(set_for(numbered("t", i).c_str(), "v", i % 3 == 0 ? 100 : 10), 0);
     clock_.advance_ms(11000);
     zeb::retain_clean_expired();
     EXPECT_EQ(topics(), "t0\nt3\nt6\n");

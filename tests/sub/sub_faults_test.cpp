@@ -1,4 +1,5 @@
-// What is left when memory runs out. This program replaces the allocation of large tables.
+// What is left when memory runs out, and when the store is saved. This program replaces the allocation of
+// large tables and the saving of retained messages.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -6,14 +7,18 @@
 #include <string>
 
 #include "log/platform_memory.h"
+#include "persist/persist.h"
 #include "sub/retain_store.h"
 #include "sub/sub_mgr.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
 
 namespace {
 
 int g_tables_left = 1000;  // table allocations that still succeed
 bool g_arrays_fail = false;
+int g_saves = 0;
+int g_saved_messages = 0;  // what the last save found in the store
 
 }  // namespace
 
@@ -26,15 +31,14 @@ void zeb::platform_zero_free(void *block, std::size_t) {
 }
 
 void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
-    return g_arrays_fail ? nullptr : std::malloc(size);
+    return g_arrays_fail ? nullptr : operator new[](size);
 }
 
-void operator delete[](void *block) noexcept {
-    std::free(block);
-}
-
-void operator delete[](void *block, std::size_t) noexcept {
-    std::free(block);
+int zeb::persist_retain_save() {
+    ++g_saves;
+    static retain_msg copy[RETAIN_MAX];
+    g_saved_messages = retain_store_copy(copy, RETAIN_MAX);
+    return -2;
 }
 
 namespace {
@@ -127,6 +131,65 @@ TEST(sub_faults, routes_that_find_no_room_are_reported) {
     g_arrays_fail = false;
     EXPECT_EQ(zeb::sub_match_routes(std::string(300, 'b').c_str(), &list, 10), 1);
     EXPECT_EQ(std::string(list.routes[0].filter), "$share/g/" + std::string(300, 'b'));
+    zeb::sub_deinit();
+}
+
+int set(const char *topic, uint32_t payload_len, uint32_t expiry) {
+    static const uint8_t payload[4] = {1, 2, 3, 4};
+    return zeb::retain_msg_set_with_expiry(topic, payload, payload_len, 0, expiry);
+}
+
+// Saving fails here every time, which changes nothing in memory.
+TEST(sub_faults, each_change_of_the_retained_store_is_saved) {
+    log_capture quiet(zeb::AGENT_LOG_FATAL);
+    zeb_test::fake_clock clock;
+    g_tables_left = 1000;
+    ASSERT_EQ(zeb::sub_init(), 0);
+
+    struct step {
+        const char *topic;
+        uint32_t payload_len;
+        uint32_t expiry;
+        int saves;
+        int messages;
+    };
+    constexpr step k_steps[] = {
+        {"a", 1, 0, 1, 1},   // new
+        {"a", 2, 0, 1, 1},   // update
+        {"b", 1, 10, 2, 2},  // the expiry is a change of its own
+        {"a", 0, 0, 1, 1},   // removed by an empty payload
+        {"a", 0, 0, 0, 1},   // nothing to remove
+    };
+    for (const step &s : k_steps) {
+        g_saves = 0;
+        EXPECT_EQ(set(s.topic, s.payload_len, s.expiry), 0);
+        EXPECT_EQ(g_saves, s.saves) << s.topic << ' ' << s.payload_len;
+        EXPECT_EQ(g_saved_messages, s.messages);
+        EXPECT_EQ(g_sub_mgr.retain_count.load(), s.messages);
+    }
+    g_saves = 0;
+    EXPECT_EQ(zeb::retain_msg_delete("none"), -5);
+    EXPECT_EQ(g_saves, 0);
+    EXPECT_EQ(zeb::retain_msg_delete("b"), 0);
+    EXPECT_EQ(g_saves, 1);
+    EXPECT_EQ(g_saved_messages, 0);
+    zeb::sub_deinit();
+}
+
+TEST(sub_faults, each_expired_message_is_one_save) {
+    log_capture quiet(zeb::AGENT_LOG_FATAL);
+    zeb_test::fake_clock clock;
+    g_tables_left = 1000;
+    ASSERT_EQ(zeb::sub_init(), 0);
+    for (const char *topic : {"a", "b", "c"}) ASSERT_EQ(set(topic, 1, 10), 0);
+    ASSERT_EQ(set("stays", 1, 20), 0);
+    g_saves = 0;
+    zeb::retain_clean_expired();
+    EXPECT_EQ(g_saves, 0);
+    clock.advance_ms(11000);
+    zeb::retain_clean_expired();
+    EXPECT_EQ(g_saves, 3);
+    EXPECT_EQ(g_saved_messages, 1);
     zeb::sub_deinit();
 }
 

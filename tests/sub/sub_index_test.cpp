@@ -9,6 +9,7 @@
 
 #include "sub/sub_mgr.h"
 #include "sub/topic_filter.h"
+#include "tests/sub/numbered.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -17,6 +18,7 @@ using zeb::g_sub_mgr;
 using zeb::mqtt_subscription;
 using zeb::SUB_MAX;
 using zeb_test::log_capture;
+using zeb_test::numbered;
 
 struct found {
     std::string client_id;
@@ -155,7 +157,7 @@ TEST_F(sub_index, random_changes_keep_it_in_step_with_the_table) {
     const std::vector<std::string> topics{"", "a", "a/", "a/b", "a/b/", "/", "b/x/y", "$share/g", "a/b/c/d"};
     std::vector<std::string> model;  // "client filter" in table order
     for (int step = 0; step < 20000; ++step) {
-        const std::string client = "c" + std::to_string(rng_() % 12);
+        const std::string client = numbered("c", static_cast<int>(rng_() % 12));
         const std::string &filter = filters[rng_() % filters.size()];
         const std::string pair = client + " " + filter;
         const auto at = std::find(model.begin(), model.end(), pair);
@@ -191,11 +193,11 @@ TEST_F(sub_index, a_full_table_can_be_emptied_and_filled_again) {
         for (int i = 0; i < SUB_MAX; ++i) {
             const std::string number = std::to_string(i * (round + 1));
             const std::string filter = "1/2/3/4/5/6/7/8/9/" + number + "/1/2/3/4/5/6/" + number;
-            ASSERT_EQ(zeb::sub_add(("c" + std::to_string(i % 10)).c_str(), filter.c_str(), 0, 0), 0);
+            ASSERT_EQ(zeb::sub_add(numbered("c", i % 10).c_str(), filter.c_str(), 0, 0), 0);
         }
         ASSERT_EQ(matched("1/2/3/4/5/6/7/8/9/0/1/2/3/4/5/6/0", 10).size(), 1u);
         for (int c = 0; c < 10; ++c)
-            ASSERT_EQ(zeb::sub_remove(("c" + std::to_string(c)).c_str(), nullptr), SUB_MAX / 10);
+            ASSERT_EQ(zeb::sub_remove(numbered("c", c).c_str(), nullptr), SUB_MAX / 10);
         ASSERT_EQ(g_sub_mgr.sub_count.load(), 0);
         ASSERT_EQ(matched("1/2/3/4/5/6/7/8/9/0/1/2/3/4/5/6/0", 10).size(), 0u);
     }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "sub/cid_hash.h"
+#include "tests/sub/numbered.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -21,6 +22,7 @@ using zeb::SUB_MAX;
 using zeb::sub_remove;
 using zeb::sub_route_list;
 using zeb_test::log_capture;
+using zeb_test::numbered;
 
 class sub_mgr : public testing::Test {
   protected:
@@ -182,8 +184,7 @@ TEST_F(sub_mgr, texts_are_cut_to_their_fields) {
 
 TEST_F(sub_mgr, a_full_table_refuses_new_pairs_only) {
     for (int i = 0; i < SUB_MAX; ++i)
-        ASSERT_EQ(sub_add(("c" + std::to_string(i % 100)).c_str(), ("t/" + std::to_string(i)).c_str(), 0, 0),
-                  0);
+        ASSERT_EQ(sub_add(numbered("c", i % 100).c_str(), numbered("t/", i).c_str(), 0, 0), 0);
     log_capture &log = listen(zeb::AGENT_LOG_INFO);
     EXPECT_EQ(sub_add("c0", "one/more", 0, 0), -4);
     EXPECT_EQ(sub_add_with_id("c0", "one/more", 0, 0, 5), -4);
@@ -209,10 +210,10 @@ TEST_F(sub_mgr, a_full_table_refuses_new_pairs_only) {
 }
 
 TEST_F(sub_mgr, ten_thousand_receivers_of_one_topic_are_all_found_in_order) {
-    for (int i = 0; i < SUB_MAX; ++i) ASSERT_EQ(sub_add(("c" + std::to_string(i)).c_str(), "t/+", 1, 0), 0);
+    for (int i = 0; i < SUB_MAX; ++i) ASSERT_EQ(sub_add(numbered("c", i).c_str(), "t/+", 1, 0), 0);
     sub_route_list routes;
     ASSERT_EQ(sub_match_routes("t/x", &routes, 11000), SUB_MAX);
-    for (int i = 0; i < SUB_MAX; ++i) ASSERT_EQ(routes.routes[i].client_id, "c" + std::to_string(i));
+    for (int i = 0; i < SUB_MAX; ++i) ASSERT_EQ(routes.routes[i].client_id, numbered("c", i));
     ASSERT_EQ(sub_match_routes("t/x", &routes, 9999), 9999);
     EXPECT_STREQ(routes.routes[9998].client_id, "c9998");
 }

@@ -7,12 +7,14 @@
 
 #include "sub/retain_store.h"
 #include "sub/sub_mgr.h"
+#include "tests/sub/numbered.h"
 #include "tests/support/log_capture.h"
 
 namespace {
 
 using zeb::g_sub_mgr;
 using zeb_test::log_capture;
+using zeb_test::numbered;
 
 constexpr int k_rounds = 300;
 constexpr int k_filters = 8;
@@ -20,7 +22,7 @@ constexpr int k_filters = 8;
 void add_and_remove(const std::string &client) {
     for (int round = 0; round < k_rounds; ++round) {
         for (int i = 0; i < k_filters; ++i)
-            EXPECT_EQ(zeb::sub_add(client.c_str(), ("t/" + std::to_string(i)).c_str(), 1, 0), 0);
+            EXPECT_EQ(zeb::sub_add(client.c_str(), numbered("t/", i).c_str(), 1, 0), 0);
         EXPECT_EQ(zeb::sub_get_client_sub_count(client.c_str()), k_filters);
         EXPECT_EQ(zeb::sub_remove(client.c_str(), round % 2 == 0 ? nullptr : "t/0"),
                   round % 2 == 0 ? k_filters : 1);
@@ -50,7 +52,7 @@ TEST(sub_threads, matching_sees_whole_entries_while_others_change_the_table) {
     };
     std::thread matchers[2] = {std::thread(match), std::thread(match)};
     std::vector<std::thread> writers;
-    for (int i = 0; i < 4; ++i) writers.emplace_back(add_and_remove, "w" + std::to_string(i));
+    for (int i = 0; i < 4; ++i) writers.emplace_back(add_and_remove, numbered("w", i));
     for (std::thread &t : writers) t.join();
     done.store(true, std::memory_order_relaxed);
     for (std::thread &t : matchers) t.join();
