@@ -17,8 +17,10 @@ uint32_t level_of(const mqtt_client *client) {
     return client->codec.protocol_version.load(std::memory_order_relaxed);
 }
 
-void copy_text(char *dst, std::size_t size, const char *src) {
-    const std::size_t len = strnlen(src, size - 1);
+// Cut to fit, always terminated.
+template <std::size_t N, std::size_t M>
+void copy_text(char (&dst)[N], const char (&src)[M]) {
+    const std::size_t len = strnlen(src, N < M ? N - 1 : M - 1);
     memcpy(dst, src, len);
     dst[len] = '\0';
 }
@@ -85,7 +87,7 @@ void look_up_session(mqtt_client *client) {
     std::lock_guard lock(client->session_lock);
     persist_session &session = client->session;
     client_reset_session(&session);
-    copy_text(session.client_id, sizeof session.client_id, client->client_id);
+    copy_text(session.client_id, client->client_id);
     client->session_present = 0;
     bool found = false;
     if (persist_load_found(&session, &found) != 0 || !found) return;
@@ -106,7 +108,7 @@ void log_will(const mqtt_client *client, const mqtt_connect_para &connect) {
 // A longer will than the record has room for keeps its length there but no bytes; a retain flag it has none.
 void record_will(persist_session *session, const mqtt_connect_para &connect) {
     session->will_flag = 1;
-    copy_text(session->will_topic, sizeof session->will_topic, connect.will_topic);
+    copy_text(session->will_topic, connect.will_topic);
     session->will_qos = static_cast<uint8_t>(connect.will_qos);
     session->will_len = connect.will_payload_len;
     if (connect.will_payload_len <= sizeof session->will_payload)

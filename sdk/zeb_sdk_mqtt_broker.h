@@ -103,36 +103,261 @@ typedef struct mqtt_broker_stats {
     uint32_t uptime_seconds;
 } mqtt_broker_stats;
 
-/* Lifecycle. */
+/*
+ * Life cycle: create, (setters, callbacks), init, start, ..., stop, deinit, destroy, from one thread. The
+ * modules behind the instance are singletons: one running broker per process. A data directory other than the
+ * default is written into data_dir between create and init; all other fields of the record are read only for
+ * applications.
+ */
+
+/**
+ * Allocate an instance with the default configuration.
+ *
+ * @return the instance, to be released with zeb_sdk_mqtt_broker_destroy; NULL when there is no memory.
+ * @thread any.
+ */
 mqtt_broker_instance *zeb_sdk_mqtt_broker_create(void);
+
+/**
+ * Bring up the log (level WARN, standard output and "zeb_flash.txt" in the working directory), statistics,
+ * packet handling and persistence, and restore what is stored under data_dir.
+ *
+ * @param b  broker; not NULL, not running.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL).
+ * @thread the thread of the life cycle.
+ */
 int zeb_sdk_mqtt_broker_init(mqtt_broker_instance *b);
+
+/**
+ * Listen on 0.0.0.0:1883 (TCP and UDP) and serve clients on threads of the library until stop and deinit.
+ *
+ * @param b            broker; not NULL, initialised, not running.
+ * @param port         1..65535; recorded and logged only, the broker always listens on 1883.
+ * @param max_clients  1..50000; the client table admits at most 11000.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL or out of range); MQTT_BROKER_ERR_BUSY (running);
+ *         MQTT_BROKER_ERR_RESOURCE (more than 11000 clients, no memory, port taken: also when this or another
+ *         instance was not deinitialised). Nothing is left behind on failure.
+ * @thread the thread of the life cycle.
+ */
 int zeb_sdk_mqtt_broker_start(mqtt_broker_instance *b, int port, int max_clients);
+
+/**
+ * End housekeeping (keep-alive scan, will delay, statistics report). Clients stay connected until deinit.
+ *
+ * @param b  broker; not NULL.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL); MQTT_BROKER_ERR_BUSY (called from a callback).
+ * @thread the thread of the life cycle. Waits for a housekeeping pass that is under way.
+ */
 int zeb_sdk_mqtt_broker_stop(mqtt_broker_instance *b);
+
+/**
+ * Disconnect all clients, end every thread of the library, release all memory but the instance, clear the
+ * callbacks and close the log. Harmless before init, and when called twice.
+ *
+ * @param b  broker; NULL is only logged. Ignored, with an ERROR line, when called from a callback.
+ * @thread the thread of the life cycle; no other call on the instance may be under way.
+ */
 void zeb_sdk_mqtt_broker_deinit(mqtt_broker_instance *b);
+
+/**
+ * Free an instance that create returned. Deinit comes first if it was initialised.
+ *
+ * @param b  broker; NULL is ignored. Ignored, with an ERROR line, when called from a callback.
+ * @thread the thread of the life cycle.
+ */
 void zeb_sdk_mqtt_broker_destroy(mqtt_broker_instance *b);
+
+/**
+ * Whether the broker is between a successful start and stop.
+ *
+ * @return 1 or 0; 0 for NULL.
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_is_running(mqtt_broker_instance *b);
 
 /* Configuration. */
+
+/**
+ * Set the lowest level that is logged, from the next line on. Init sets it to 2.
+ *
+ * @param b      not looked at.
+ * @param level  0 DEBUG, 1 INFO, 2 WARN, 3 ERROR, 4 FATAL; anything else is ignored.
+ * @return MQTT_BROKER_OK, always.
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_set_log_level(mqtt_broker_instance *b, int level);
+
+/**
+ * Set how long a client that has not announced a keep-alive of its own (it has not sent CONNECT yet) may stay
+ * silent before it is closed. The others are closed after one and a half times their keep-alive, 60 s when
+ * they asked for none. Silent clients are looked for every 10 s.
+ *
+ * @param b        broker; not NULL, not running.
+ * @param seconds  1..3600, in seconds; 300 by default.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL or out of range); MQTT_BROKER_ERR_BUSY (running).
+ * Nothing changes on failure.
+ * @thread the thread of the life cycle.
+ * @source MQTT 5.0 section 3.1.2.10 (Keep Alive).
+ */
 int zeb_sdk_mqtt_broker_set_keepalive_timeout(mqtt_broker_instance *b, int seconds);
+
+/**
+ * Set the largest packet that is exchanged with a client before its CONNECT has negotiated a limit.
+ *
+ * @param b      broker; not NULL, not running.
+ * @param bytes  256..10485760, fixed header included; 4096 by default. No packet above 4096 bytes can be
+ * received or sent, whatever is set here.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL or out of range); MQTT_BROKER_ERR_BUSY (running).
+ * @thread the thread of the life cycle.
+ * @source MQTT 5.0 section 3.1.2.11.4 (Maximum Packet Size).
+ */
 int zeb_sdk_mqtt_broker_set_max_packet_size(mqtt_broker_instance *b, int bytes);
+
+/*
+ * Callbacks. NULL (the default) means: accept, allow, tell nobody. They run on threads of the library,
+ * several may run at once, and no lock of the library is held meanwhile: every function of this header but
+ * stop, deinit and destroy may be called from inside. A callback that blocks holds up the traffic of all
+ * clients. All pointers that it is given are valid only until it returns.
+ */
+
+/**
+ * Register the callback that is told of events. The text is cut at 255 bytes; nothing in it is escaped.
+ *
+ * @param b   broker; NULL is ignored.
+ * @param cb  the callback, or NULL for none.
+ * @thread any, at any time, also from a callback.
+ */
 void zeb_sdk_mqtt_broker_register_event_callback(mqtt_broker_instance *b, mqtt_broker_event_cb cb);
+
+/**
+ * Register the callback that admits clients: zero refuses a CONNECT. User name and password are empty texts
+ * when the client sent none.
+ *
+ * @param b   broker; NULL is ignored.
+ * @param cb  the callback, or NULL to admit every client.
+ * @thread any, at any time, also from a callback.
+ * @source MQTT 5.0 section 3.1.4 (CONNECT Actions).
+ */
 void zeb_sdk_mqtt_broker_register_auth_callback(mqtt_broker_instance *b, mqtt_broker_auth_cb cb);
+
+/**
+ * Register the callback that allows publications (action nonzero, `topic` a topic name) and subscriptions
+ * (action 0, `topic` a filter): zero refuses.
+ *
+ * @param b   broker; NULL is ignored.
+ * @param cb  the callback, or NULL to allow everything.
+ * @thread any, at any time, also from a callback.
+ */
 void zeb_sdk_mqtt_broker_register_acl_callback(mqtt_broker_instance *b, mqtt_broker_acl_cb cb);
 
-/* Query and control. */
+/* Query and control, between start and deinit. */
+
+/**
+ * Count the connections that have sent at least one packet.
+ *
+ * @param b  not looked at.
+ * @return the number of clients online.
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_get_online_count(mqtt_broker_instance *b);
+
+/**
+ * List the identifiers of the clients online, separated by ",".
+ *
+ * @param b     not looked at.
+ * @param buf   receives the text, always terminated; the last identifier is cut when it does not fit.
+ * @param size  bytes of buf, at least 1.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL or size below 1).
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_get_client_id_list(mqtt_broker_instance *b, char *buf, int size);
+
+/**
+ * Describe one client.
+ *
+ * @param b          the broker that the client is connected to.
+ * @param client_id  its identifier.
+ * @param out        filled on success, unchanged otherwise.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (a NULL); MQTT_BROKER_ERR_NOT_FOUND;
+ *         MQTT_BROKER_ERR_DENIED (the client belongs to another instance).
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_get_client_info(mqtt_broker_instance *b, const char *client_id,
                                         mqtt_broker_client_info *out);
+
+/**
+ * Send a client DISCONNECT (reason 0x98 at MQTT 5) and close its connection. Its will is published.
+ *
+ * @param b          the broker that the client is connected to.
+ * @param client_id  its identifier, not empty.
+ * @return MQTT_BROKER_OK (also when its end was under way already); MQTT_BROKER_ERR_PARAM;
+ *         MQTT_BROKER_ERR_NOT_FOUND; MQTT_BROKER_ERR_DENIED (the client belongs to another instance).
+ * @thread any, also from a callback, also for the client that the callback is about. May wait 10 ms for a
+ * peer whose socket is full.
+ * @source MQTT 5.0 section 3.14.2.1 (Disconnect Reason Code).
+ */
 int zeb_sdk_mqtt_broker_kick_client(mqtt_broker_instance *b, const char *client_id);
+
+/**
+ * Publish a message to all matching subscribers.
+ *
+ * @param b               not looked at.
+ * @param topic           topic name; cut at 255 bytes.
+ * @param payload         the message; copied before the call returns.
+ * @param len             its length in bytes, at least 1; cut at 2048.
+ * @param qos             0, 1 or 2.
+ * @param retain          nonzero: also store it as the topic's retained message.
+ * @param expiry_seconds  message expiry interval, 0 = never expires.
+ * @return MQTT_BROKER_OK, also without a subscriber; MQTT_BROKER_ERR_PARAM.
+ * @thread any, also from a callback.
+ * @source MQTT 5.0 section 3.3 (PUBLISH).
+ */
 int zeb_sdk_mqtt_broker_publish(mqtt_broker_instance *b, const char *topic, const uint8_t *payload, int len,
                                 uint32_t qos, int retain, uint32_t expiry_seconds);
+
+/**
+ * Remove a topic's retained message.
+ *
+ * @param b      not looked at.
+ * @param topic  the exact topic name.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL); MQTT_BROKER_ERR_NOT_FOUND.
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_clear_retain(mqtt_broker_instance *b, const char *topic);
+
+/**
+ * List the topics that hold a retained message, each followed by a line feed.
+ *
+ * @param b     not looked at.
+ * @param buf   receives as many whole topics as fit, always terminated.
+ * @param size  bytes of buf, at least 1.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL or size below 1).
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_get_retain_topic_list(mqtt_broker_instance *b, char *buf, int size);
+
+/**
+ * Read the counters. total_messages counts the publications of clients, modulo 2^32; total_subscriptions is
+ * as of the last report, which is made every 60 s.
+ *
+ * @param b    not looked at.
+ * @param out  filled on success.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL).
+ * @thread any, also from a callback.
+ */
 int zeb_sdk_mqtt_broker_get_stats(mqtt_broker_instance *b, mqtt_broker_stats *out);
 
-const char *zeb_sdk_mqtt_broker_version(void); /* "V2.0.0" */
+/**
+ * @return the version of the library, "V2.0.0"; static storage.
+ * @thread any.
+ */
+const char *zeb_sdk_mqtt_broker_version(void);
+
+/**
+ * @param code  a result of any function above.
+ * @return its English text, "Unknown error" for others; static storage.
+ * @thread any.
+ */
 const char *zeb_sdk_mqtt_broker_error_str(int code);
 
 #if defined(__GNUC__)

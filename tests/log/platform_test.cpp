@@ -123,6 +123,8 @@ TEST(platform_thread, a_thread_blocks_the_programs_signals_and_its_creator_does_
         EXPECT_EQ(sigismember(&seen.mask, signal), 1) << signal;
         EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
     }
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
+        EXPECT_EQ(sigismember(&seen.mask, fault), 0) << fault;
 }
 
 void *wait_for_release(void *arg) {
