@@ -115,6 +115,7 @@ int open_all() {
     if (code != NETIP_OK) return code;
     open_udp();
     open_wake_ups();
+    netip_open_spare();
     return start_threads();
 }
 
@@ -144,6 +145,7 @@ void close_connections() {
 // The threads have ended. Undoes whatever part of open_all was done.
 void release_all() {
     close_connections();
+    netip_close_spare();
     close_fd(&g_netip_tcp_listen);
     close_fd(&g_netip_udp);
     for (int i = 0; i < g_io_thread_num; ++i) {

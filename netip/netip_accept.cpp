@@ -16,30 +16,28 @@ namespace {
 
 constexpr uint64_t k_pause_us = 10000;
 
-int open_spare() {
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
-}
+int g_spare = -1;  // a descriptor to give up when there is no other
 
 // Out of descriptors the waiting client could be neither served nor refused. The spare one is given up for a
 // moment to take that client in and hang up on it, so that it learns at once.
-void refuse_one_client(int listen_fd, int *spare) {
+void refuse_one_client(int listen_fd) {
     pollfd waiting{listen_fd, POLLIN, 0};
-    if (*spare < 0 || poll(&waiting, 1, 0) <= 0) return;
-    (void)close(*spare);
+    if (g_spare < 0 || poll(&waiting, 1, 0) <= 0) return;
+    netip_close_spare();
     const int fd = accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd >= 0) (void)close(fd);
-    *spare = open_spare();
+    netip_open_spare();
 }
 
 // A failure that lasts is sat out with a pause: accept would report it again at once, for ever.
-void sit_out_failure(int error, int listen_fd, int *spare, bool *reported) {
+void sit_out_failure(int error, int listen_fd, bool *reported) {
     if (error == EINTR || error == ECONNABORTED) return;
     if (g_netip_running.load(std::memory_order_relaxed) == 0) return;
-    if (error == EMFILE || error == ENFILE) refuse_one_client(listen_fd, spare);
+    if (error == EMFILE || error == ENFILE) refuse_one_client(listen_fd);
     if (!*reported) ZEB_LOG(AGENT_LOG_WARN, "[NETIP] accept 失败, 暂停后重试, errno=%d", error);
     *reported = true;
     platform_sleep_us(k_pause_us);
-    if (*spare < 0) *spare = open_spare();
+    netip_open_spare();
 }
 
 // Under the slot lock, so that a connection that somebody closed meanwhile is not registered by its old
@@ -77,12 +75,20 @@ void serve_client(int fd, const sockaddr_in &peer) {
 
 }  // namespace
 
+void netip_open_spare() {
+    if (g_spare < 0) g_spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void netip_close_spare() {
+    if (g_spare >= 0) (void)close(g_spare);
+    g_spare = -1;
+}
+
 // Ends when netip_deinit clears the running flag and shuts the listening socket down, which wakes accept.
 void *accept_thread(void *) {
     const int listen_fd = g_netip_tcp_listen;
     const int flags = fcntl(listen_fd, F_GETFL);
     (void)fcntl(listen_fd, F_SETFL, flags & ~O_NONBLOCK);  // should it fail, the pauses keep the loop slow
-    int spare = open_spare();
     bool reported = false;
     while (g_netip_running.load(std::memory_order_relaxed) != 0) {
         sockaddr_in peer{};
@@ -90,7 +96,7 @@ void *accept_thread(void *) {
         const int fd =
             accept4(listen_fd, reinterpret_cast<sockaddr *>(&peer), &peer_len, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            sit_out_failure(errno, listen_fd, &spare, &reported);
+            sit_out_failure(errno, listen_fd, &reported);
         } else if (g_netip_running.load(std::memory_order_relaxed) == 0) {
             (void)close(fd);
         } else {
@@ -98,7 +104,6 @@ void *accept_thread(void *) {
             serve_client(fd, peer);
         }
     }
-    if (spare >= 0) (void)close(spare);
     return nullptr;
 }
 

@@ -50,6 +50,10 @@ void netip_close_by_peer(netip_conn &conn, uint32_t generation);  // the slot is
 void netip_close_at_deinit(netip_conn &conn);
 void netip_give_back_slot(netip_conn &conn, uint32_t generation);  // without an event; closes the socket
 
+// netip_accept.cpp: the descriptor that lets the accept thread turn clients away when there is no other.
+void netip_open_spare();
+void netip_close_spare();
+
 // netip_read.cpp: true when the connection has to be closed. The slot is pinned by the caller.
 bool netip_read_connection(netip_conn &conn, uint32_t generation);
 
