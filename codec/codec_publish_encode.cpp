@@ -19,6 +19,32 @@ bool has_packet_id(uint32_t qos) noexcept {
     return qos == 1 || qos == 2;
 }
 
+int check_arguments(const mqtt_codec_ctx *ctx, const mqtt_publish_para *para, const uint8_t *buf,
+                    const int *buf_len, uint32_t *level) noexcept {
+    if (ctx == nullptr || para == nullptr || buf == nullptr || buf_len == nullptr) {
+        ZEB_LOG(
+            AGENT_LOG_ERROR,
+            "[PUBLISH ENCODE] Step 1 ERROR: Null pointer detected (ctx=%p, para=%p, buf=%p, buf_len=%p)\n",
+            addr(ctx), addr(para), addr(buf), addr(buf_len));
+        return MQTT_CODEC_ERR_PARAM;
+    }
+    if (*buf_len < k_min_capacity) {
+        ZEB_LOG(AGENT_LOG_ERROR,
+                "[PUBLISH ENCODE] Step 1 ERROR: Buffer too small (required=%d, actual=%d) "
+                "[MQTT 5.0 §3.3.1.4]\n",
+                k_min_capacity, *buf_len);
+        return MQTT_CODEC_ERR_PARAM;
+    }
+    *level = codec_level(ctx);  // read once: another thread may set it meanwhile
+    if (!is_known_level(*level)) {
+        ZEB_LOG(AGENT_LOG_ERROR,
+                "[PUBLISH ENCODE] Step 1 ERROR: Unsupported version %d (only 3.1.1/5.0) [MQTT 5.0 §1.2]\n",
+                static_cast<int>(*level));
+        return MQTT_CODEC_ERR_VERSION;
+    }
+    return MQTT_CODEC_OK;
+}
+
 int check_record(const mqtt_publish_para &para, int topic_len) noexcept {
     if (topic_len == 0 || topic_len > MQTT_MAX_TOPIC) {
         ZEB_LOG(AGENT_LOG_ERROR,
@@ -80,34 +106,39 @@ uint8_t first_byte(const mqtt_publish_para &para) noexcept {
     return static_cast<uint8_t>(k_first_byte | ((para.qos << 1) & 0x6) | para.retain | (para.dup << 3));
 }
 
+// Whether a body of this size fits, and the length field that announces it.
+int check_size(int body_len, int capacity, length_field *length) noexcept {
+    if (body_len > k_scratch_bytes) {
+        ZEB_LOG(AGENT_LOG_ERROR,
+                "[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=%d, have=%d)\n", body_len,
+                k_scratch_bytes);
+        return MQTT_CODEC_ERR_BUFFER;
+    }
+    *length = encode_length_field(body_len);
+    if (!length->valid()) {
+        ZEB_LOG(AGENT_LOG_ERROR,
+                "[PUBLISH ENCODE] Step 5 ERROR: Encode Remaining Length failed (len=%d) "
+                "[MQTT 5.0 §2.1.4]\n",
+                body_len);
+        return MQTT_CODEC_ERR_MALFORMED;
+    }
+    if (length->total > capacity) {
+        ZEB_LOG(AGENT_LOG_ERROR, "[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=%d, have=%d)\n",
+                length->total, capacity);
+        return MQTT_CODEC_ERR_BUFFER;
+    }
+    return MQTT_CODEC_OK;
+}
+
 }  // namespace
 
 int mqtt_codec_encode_publish(mqtt_codec_ctx *ctx, const mqtt_publish_para *para, uint8_t *buf,
                               int *buf_len) {
-    if (ctx == nullptr || para == nullptr || buf == nullptr || buf_len == nullptr) {
-        ZEB_LOG(
-            AGENT_LOG_ERROR,
-            "[PUBLISH ENCODE] Step 1 ERROR: Null pointer detected (ctx=%p, para=%p, buf=%p, buf_len=%p)\n",
-            addr(ctx), addr(para), addr(buf), addr(buf_len));
-        return MQTT_CODEC_ERR_PARAM;
-    }
-    const int capacity = *buf_len;
-    if (capacity < k_min_capacity) {
-        ZEB_LOG(AGENT_LOG_ERROR,
-                "[PUBLISH ENCODE] Step 1 ERROR: Buffer too small (required=%d, actual=%d) "
-                "[MQTT 5.0 §3.3.1.4]\n",
-                k_min_capacity, capacity);
-        return MQTT_CODEC_ERR_PARAM;
-    }
-    const uint32_t level = codec_level(ctx);
-    if (!is_known_level(level)) {
-        ZEB_LOG(AGENT_LOG_ERROR,
-                "[PUBLISH ENCODE] Step 1 ERROR: Unsupported version %d (only 3.1.1/5.0) [MQTT 5.0 §1.2]\n",
-                static_cast<int>(level));
-        return MQTT_CODEC_ERR_VERSION;
-    }
+    uint32_t level = 0;
+    int rc = check_arguments(ctx, para, buf, buf_len, &level);
+    if (rc != MQTT_CODEC_OK) return rc;
     const int topic_len = static_cast<int>(strnlen(para->topic, sizeof para->topic));
-    int rc = check_record(*para, topic_len);
+    rc = check_record(*para, topic_len);
     if (rc != MQTT_CODEC_OK) return rc;
 
     // The scratch area bounds the whole body, but the payload is copied only once, into the caller's buffer.
@@ -116,27 +147,11 @@ int mqtt_codec_encode_publish(mqtt_codec_ctx *ctx, const mqtt_publish_para *para
     rc = put_head(*para, topic_len, level, &head);
     if (rc != MQTT_CODEC_OK) return rc;
     const int payload_len = static_cast<int>(para->payload_len);
-    const int body_len = head.len + payload_len;
-    if (body_len > k_scratch_bytes) {
-        ZEB_LOG(AGENT_LOG_ERROR,
-                "[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=%d, have=%d)\n", body_len,
-                k_scratch_bytes);
-        return MQTT_CODEC_ERR_BUFFER;
-    }
-    const length_field length = encode_length_field(body_len);
-    if (!length.valid()) {
-        ZEB_LOG(AGENT_LOG_ERROR,
-                "[PUBLISH ENCODE] Step 5 ERROR: Encode Remaining Length failed (len=%d) "
-                "[MQTT 5.0 §2.1.4]\n",
-                body_len);
-        return MQTT_CODEC_ERR_MALFORMED;
-    }
-    if (length.total > capacity) {
-        ZEB_LOG(AGENT_LOG_ERROR, "[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=%d, have=%d)\n",
-                length.total, capacity);
-        return MQTT_CODEC_ERR_BUFFER;
-    }
-    byte_writer out{buf, capacity};
+    length_field length;
+    rc = check_size(head.len + payload_len, *buf_len, &length);
+    if (rc != MQTT_CODEC_OK) return rc;
+
+    byte_writer out{buf, *buf_len};
     out.u8(first_byte(*para));
     out.bytes(length.bytes, length.used);
     out.bytes(scratch, head.len);
