@@ -12,6 +12,8 @@ namespace zeb {
 namespace {
 
 constexpr uint32_t k_level_5 = 5;
+// The standard's default; 0 would be a protocol error to real clients.
+constexpr uint16_t k_receive_maximum = 65535;
 
 uint32_t level_of(const mqtt_client *client) {
     return client->codec.protocol_version.load(std::memory_order_relaxed);
@@ -38,6 +40,7 @@ int send_connack(mqtt_client *client, const mqtt_connack_para &connack) {
 void refuse(mqtt_client *client) {
     mqtt_connack_para connack{};
     connack.reason_code = k_reason_bad_credentials;
+    connack.receive_maximum = k_receive_maximum;
     send_connack(client, connack);
     packet_flush_before_close(client);
     client_close(client);
@@ -174,7 +177,7 @@ void settle_session(mqtt_client *client) {
 void accept(mqtt_client *client) {
     mqtt_connack_para connack{};
     connack.session_present = client->session_present;
-    connack.receive_maximum = 65535;  // the standard's default; 0 would be a protocol error to real clients
+    connack.receive_maximum = k_receive_maximum;
     if (level_of(client) == k_level_5) {
         connack.maximum_packet_size = client->max_packet_size.load(std::memory_order_relaxed);
         connack.session_expiry_interval = client->session_expiry_interval.load(std::memory_order_relaxed);
