@@ -15,18 +15,21 @@ namespace zeb {
 int publication_encoder::encode(mqtt_client *subscriber, uint32_t qos, uint16_t msg_id) {
     record_.qos = qos;
     record_.packet_id = msg_id;
-    mqtt_codec_ctx *ctx = &subscriber->codec;
-    packet_ = &packets_[ctx->protocol_version.load(std::memory_order_relaxed) == 5 ? 1 : 0][qos];
+    const uint32_t level = subscriber->codec.protocol_version.load(std::memory_order_relaxed);
+    packet_ = &packets_[level == 5 ? 1 : 0][qos];
     const bool reuse = packet_->len > 0 && (qos == 0 || msg_id != 0) && !agent_log_enabled(AGENT_LOG_DEBUG);
-    if (reuse) {
-        ctx->last_packet_type.store(MQTT_PKT_PUBLISH, std::memory_order_relaxed);
-    } else {
+    if (!reuse) {
+        // The subscriber's own thread may change its level meanwhile, and what is kept for the next
+        // subscriber of a level has to be of that level.
+        mqtt_codec_ctx ctx{};
+        ctx.protocol_version.store(level, std::memory_order_relaxed);
         int len = sizeof packet_->bytes;
-        const int err = mqtt_codec_encode_publish(ctx, &record_, packet_->bytes, &len);
+        const int err = mqtt_codec_encode_publish(&ctx, &record_, packet_->bytes, &len);
         if (err != MQTT_CODEC_OK || len <= 0) return err != MQTT_CODEC_OK ? err : MQTT_CODEC_ERR_BUFFER;
         packet_->len = len;
         packet_->id_offset = qos == 0 ? 0 : mqtt_codec_publish_id_offset(packet_->bytes, len);
     }
+    subscriber->codec.last_packet_type.store(MQTT_PKT_PUBLISH, std::memory_order_relaxed);
     if (qos != 0) {
         packet_->bytes[packet_->id_offset] = static_cast<uint8_t>(msg_id >> 8);
         packet_->bytes[packet_->id_offset + 1] = static_cast<uint8_t>(msg_id);
