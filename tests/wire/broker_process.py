@@ -40,6 +40,11 @@ class Broker:
         with open(self.stderr_path, "rb") as stream:
             return stream.read().decode("utf-8", "backslashreplace")
 
+    def output(self):
+        """The lines on stdout so far."""
+        with self.changed:
+            return [line for line in self.lines if line is not None]
+
     def wait_line(self, wanted, what, count=1):
         """Wait until `count` lines satisfy the condition and return them."""
         deadline = time.monotonic() + DEADLINE_S

@@ -137,7 +137,9 @@ def test_events_name_client_topic_and_qos(broker, client):
         assert json.loads(broker.wait_events(kind)[0]) == event
 
 
-# Silent clients are looked for every 10 seconds.
+# Silent clients are looked for every 10 seconds, 1000 places of the client table at a time.
+
+one_pass = pytest.mark.host("--max-clients", "1000")
 
 
 def until_closed(conn, alongside):
@@ -156,12 +158,14 @@ def until_closed(conn, alongside):
             return
 
 
+@one_pass
 def test_silent_client_is_closed_and_one_that_pings_is_not(broker, client):
     silent, pinging = client("silent", keepalive=2), client("pinging", keepalive=8)
     until_closed(silent, pinging.ping)
     pinging.ping()
 
 
+@one_pass
 def test_messages_to_a_silent_client_keep_it_open(broker, client):
     silent, receiving = client("silent", keepalive=2), client("receiving", keepalive=8)
     publisher = client("pub")
@@ -175,7 +179,7 @@ def test_messages_to_a_silent_client_keep_it_open(broker, client):
     receiving.ping()
 
 
-@pytest.mark.host("--keepalive-timeout", "1")
+@pytest.mark.host("--keepalive-timeout", "1", "--max-clients", "1000")
 def test_client_that_never_connected_is_closed_after_the_configured_time(broker, raw, client):
     conn, patient = raw(), client("patient", keepalive=600)
     conn.ping()
@@ -183,6 +187,7 @@ def test_client_that_never_connected_is_closed_after_the_configured_time(broker,
     patient.ping()
 
 
+@one_pass
 def test_silent_datagram_peer_is_forgotten(broker, client):
     nudge = client("nudge", keepalive=600)
     peer = Datagrams(nudge)

@@ -1,0 +1,34 @@
+import pytest
+
+from broker_process import Broker
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "host(*options): options of the host program that a test runs against")
+
+
+@pytest.fixture
+def broker(request, tmp_path, monkeypatch):
+    """A broker for this test alone, which must end cleanly and without a word on stderr."""
+    monkeypatch.chdir(tmp_path)
+    marker = request.node.get_closest_marker("host")
+    running = Broker(tmp_path, "--print-events", *(marker.args if marker else ()))
+    yield running
+    try:
+        running.stop()
+    finally:
+        running.kill()
+
+
+@pytest.fixture
+def keep(broker):
+    """Hand a client over to be ended with the test, before its broker."""
+    kept = []
+
+    def take(client):
+        kept.append(client)
+        return client
+
+    yield take
+    for client in kept:
+        client.kill()
