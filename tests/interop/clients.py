@@ -252,9 +252,9 @@ class MqttJs:
 
     def __init__(self, client_id, level=4, large=False, **options):
         script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "mqttjs_client.js")
-        self.options = {"clientId": client_id, "protocolVersion": level, "clean": True, **options}
         if level == 5 and large:
-            self.options["properties"] = {"maximumPacketSize": 4096}
+            options["properties"] = {"maximumPacketSize": 4096}
+        self.options = {"clientId": client_id, "protocolVersion": level, "clean": True, **options}
         self.inbox, self.events = Inbox(), Inbox()
         self.next_id = 0
         self.process = subprocess.Popen(["node", script], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)

@@ -19,12 +19,12 @@ const operations = {
     client.on('close', () => say({ event: 'close' }));
     client.on('error', (error) => say({ event: 'error', text: String(error.message || error) }));
   },
-  subscribe(id, { filters }) {
-    const wanted = Object.fromEntries(filters.map(([filter, qos]) => [filter, { qos }]));
+  subscribe(id, { filters, options }) {
+    const wanted = Object.fromEntries(filters.map(([filter, qos]) => [filter, { qos, ...options }]));
     client.subscribe(wanted, (error, granted, packet) => reply(id, packet ? null : error,
       packet ? packet.granted : null));
   },
-  unsubscribe(id, { filters }) {
+  unsubscribe(id, { filters, options }) {
     client.unsubscribe(filters, (error) => reply(id, error));
   },
   publish(id, { topic, payload, options }) {

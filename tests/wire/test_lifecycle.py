@@ -31,6 +31,14 @@ def test_help_is_printed_and_run_sh_repeats_its_options(tmp_path):
     assert script.stdout.splitlines()[-10:] == options
 
 
+@pytest.mark.parametrize("readme", ["README.md", "README.zh-CN.md"])
+def test_readme_quotes_the_example_that_is_built(readme):
+    with open(os.path.join(REPOSITORY, "examples", "minimal.c")) as stream:
+        example = stream.read()
+    with open(os.path.join(REPOSITORY, readme), encoding="utf-8") as stream:
+        assert "```c\n%s```" % example in stream.read()
+
+
 @pytest.mark.parametrize("arguments", [
     ["--port", "0"], ["--port", "65536"], ["--port", ""], ["--port", "18x"], ["--max-clients", "0"],
     ["--max-clients", "11001"], ["--keepalive-timeout", "0"], ["--keepalive-timeout", "3601"],
