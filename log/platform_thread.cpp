@@ -5,8 +5,8 @@
 namespace zeb {
 
 int platform_thread_start(pthread_t *thread, const char *name, void *(*entry)(void *), void *arg) {
-    // A new thread inherits the mask of its creator: block, create, restore. Faults stay open, so that a crash
-    // handler of the embedding program (or a sanitizer's) still gets its say.
+    // A new thread inherits the mask of its creator: block, create, restore. Faults stay open, so that a
+    // crash handler of the embedding program (or a sanitizer's) still gets its say.
     constexpr int k_faults[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT};
     sigset_t blocked;
     sigset_t previous;
