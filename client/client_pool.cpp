@@ -96,7 +96,7 @@ void bear(client_pool_block &block, int block_index, int i) {
 bool client_pool_add_block() {
     std::lock_guard lock(s_pool_lock);
     const int index = g_client_mgr.block_count.load(std::memory_order_relaxed);
-    if (index >= CLIENT_MAX / CLIENT_POOL_SIZE) return false;
+    if (g_client_mgr.blocks == nullptr || index >= CLIENT_MAX / CLIENT_POOL_SIZE) return false;
     auto *records = static_cast<mqtt_client *>(platform_zero_alloc(k_block_bytes));
     if (records == nullptr) return false;
     client_pool_block *block = new (&g_client_mgr.blocks[index]) client_pool_block{};
