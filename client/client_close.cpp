@@ -44,6 +44,14 @@ bool will_is_due(const mqtt_client *client, const char *id) {
     return true;
 }
 
+// The peer may have gone first, or the record be closed a second time: the handle is then free or another
+// client's already.
+void close_connection(const mqtt_client *client) {
+    const uint32_t handle = client->handle.load(std::memory_order_relaxed);
+    if (client_connection_of(handle) == client->connection.load(std::memory_order_relaxed))
+        netip_close(handle);
+}
+
 // Out of the tables and off the network. Kick, time-out and an over-size packet end here without the packet
 // handler having looked at the subscriptions: those of a clean session go with their client, unless a newer
 // connection carries the same identifier.
@@ -53,7 +61,7 @@ void leave(mqtt_client *client, const char *id, bool was_logined) {
     if (was_logined && client->clean_session.load(std::memory_order_relaxed) != 0 &&
         client->subs_settled.exchange(1, std::memory_order_relaxed) == 0 && !client_acquire_by_cid(id))
         sub_remove(id, nullptr);
-    netip_close(client->handle.load(std::memory_order_relaxed));
+    close_connection(client);
 }
 
 // The record stays, CLOSING, until the will-delay scan has finished with it.
@@ -76,6 +84,10 @@ void close_normally(mqtt_client *client, const char *id, bool was_logined) {
     ZEB_LOG(AGENT_LOG_DEBUG, "[遗嘱调试][客户端关闭完成] ClientID=%s, 状态改为CLOSED", id);
 }
 
+void log_closed_already(const char *id) {
+    ZEB_LOG(AGENT_LOG_DEBUG, "[遗嘱调试][关闭客户端] ClientID=%s, 状态已关闭，跳过", id);
+}
+
 }  // namespace
 
 void client_close(mqtt_client *client) {
@@ -88,12 +100,16 @@ void client_close(mqtt_client *client) {
     client_copy_id(client, id);
     const uint32_t state = client->state.load(std::memory_order_relaxed);
     if (state == CLOSED) {
-        ZEB_LOG(AGENT_LOG_DEBUG, "[遗嘱调试][关闭客户端] ClientID=%s, 状态已关闭，跳过", id);
+        log_closed_already(id);
         return;
     }
-    // One thread closes; another one that comes meanwhile, or a callback that kicks the very client whose
-    // will it is told of, has nothing left to do. A record that waits in CLOSING may be closed again.
-    if (client->closing.exchange(1, std::memory_order_acq_rel) != 0) return;
+    // One thread closes; for another one that comes meanwhile, or a callback that kicks the very client whose
+    // will it is told of, only this is left: when it is the peer that went, the handle is free once we return
+    // and nothing may be sent there any more. A record that waits in CLOSING may be closed again.
+    if (client->closing.exchange(1, std::memory_order_acq_rel) != 0) {
+        client_enter_closing(client);
+        return;
+    }
     ZEB_LOG(AGENT_LOG_DEBUG, "[MQTT5] Client close: max_packet_size=%u, client=%s",
             client->max_packet_size.load(std::memory_order_relaxed), id);
     settle_session_expiry(client, id);
@@ -209,7 +225,10 @@ void close_timed_out(const close_entry &entry) {
         ZEB_LOG(AGENT_LOG_WARN, "[超时执行关闭] 真实关闭 → cid=%s, state=%d, handle=0x%x", id,
                 static_cast<int>(held ? held->state.load(std::memory_order_relaxed) : CLOSED),
                 held ? held->handle.load(std::memory_order_relaxed) : NETIP_HANDLE_NONE);
-        if (held) client_close(held.get());
+        if (held)
+            client_close(held.get());
+        else
+            log_closed_already(id);
     }
     mqtt_stats_inc_timeout();
     ZEB_LOG(AGENT_LOG_WARN, "[超时完成] 客户端已关闭 → cid=%s", id);

@@ -8,9 +8,10 @@
 
 // What the client manager's own files share.
 //
-// Lock order: a striped lock (g_client_mgr.locks), a record's send_lock, will_lock, session_lock and id_lock
-// and the pool lock are all leaves towards each other: nobody holds two of them. The QoS list's mutex may be
-// held while send_lock is taken, never the other way round.
+// Lock order: a striped lock (g_client_mgr.locks), a record's send_lock, will_lock and session_lock and the
+// pool lock are all leaves towards each other: nobody holds two of them. A record's id_lock is the innermost:
+// it may be taken under any of them. The QoS list's mutex may be held while send_lock is taken, never the
+// other way round.
 namespace zeb {
 
 // life: bit 31 the record serves a connection, bit 30 its release was asked for, below them the pins.
@@ -36,6 +37,11 @@ void client_clear_slots(mqtt_client *client);
 // From CONNECTED or LOGINED to CLOSING: once this returns, no flush of the record's ring is under way and
 // none begins, so that the handle may be closed and given to another connection.
 void client_enter_closing(mqtt_client *client);
+
+// Changes whenever the network layer gives the handle to another connection.
+inline uint32_t client_connection_of(netip_handle handle) {
+    return handle < NETIP_MAX_CONN ? g_netip_clients[handle].generation.load(std::memory_order_relaxed) : 0;
+}
 
 // Tells the send thread that the record's ring holds packets.
 void client_mark_queued(mqtt_client *client);

@@ -79,6 +79,7 @@ struct mqtt_client {
     // Private to the client manager.
     std::atomic<uint32_t> life;         // pins and the two life bits, see client_ref
     std::atomic<uint64_t> generation;   // which connection the record serves; a number is never used twice
+    std::atomic<uint32_t> connection;   // the network layer's generation of the handle
     std::atomic<uint32_t> cid_hash;     // client_cid_hash(client_id): a lookup compares it before the text
     std::atomic<uint8_t> closing;       // 1 while a thread runs client_close on the record
     std::atomic<uint8_t> subs_settled;  // 1 once the packet handler has decided about its subscriptions

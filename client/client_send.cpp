@@ -132,7 +132,7 @@ void client_send_flush(mqtt_client *client) {
 
 void client_enter_closing(mqtt_client *client) {
     std::lock_guard lock(client->send_lock);
-    client->state.store(CLOSING, std::memory_order_release);
+    if (client_is_online(client)) client->state.store(CLOSING, std::memory_order_release);
 }
 
 void *send_thread_proc(void *) {

@@ -21,6 +21,7 @@ void copy_text(char *dst, std::size_t size, const char *src) {
 void reset_record(mqtt_client *client, netip_handle handle, const char *ip, uint16_t port,
                   mqtt_broker_instance *broker) {
     client->handle.store(handle, std::memory_order_relaxed);
+    client->connection.store(client_connection_of(handle), std::memory_order_relaxed);
     {
         std::lock_guard lock(client->id_lock);
         client->client_id[0] = '\0';
