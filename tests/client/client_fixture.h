@@ -81,7 +81,6 @@ class client_test : public testing::Test {
         start(200);
     }
     void TearDown() override {
-        zeb::netip_deinit();
         zeb::client_mgr_deinit();
         zeb::sub_deinit();
     }

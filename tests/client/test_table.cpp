@@ -110,9 +110,7 @@ TEST_F(client_table, a_new_record_holds_what_it_was_created_with) {
     EXPECT_EQ(client->max_packet_size, 1234u);
     EXPECT_EQ(client->send_ring, nullptr);
     EXPECT_TRUE(log.has("DEBUG", "[MQTT5] Client init max_packet_size = 1234 (default), client="));
-    EXPECT_TRUE(
-        log.has("DEBUG", "Create client: handle=42, ip=" + std::string(70, '1') + ":65535, total=1") ||
-        log.has("DEBUG", "Create client: handle=42, ip=" + std::string(63, '1') + ":65535, total=1"));
+    EXPECT_TRUE(log.has("DEBUG", "Create client: handle=42, ip=" + std::string(70, '1') + ":65535, total=1"));
 }
 
 TEST_F(client_table, a_later_handle_displaces_the_one_it_shares_a_slot_with) {
