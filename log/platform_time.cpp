@@ -2,7 +2,6 @@
 
 #include <sys/time.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -11,6 +10,8 @@
 namespace zeb {
 
 namespace {
+
+constexpr long k_ns_per_s = 1000000000;
 
 std::atomic<const platform_clock *> g_clock{nullptr};
 
@@ -26,9 +27,17 @@ uint64_t real_wall_ms() {
     return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_usec) / 1000u;
 }
 
+// Sleeps up to an instant, not for a while: what handling a signal takes must not make the sleep longer.
 void real_sleep_us(uint64_t us) {
-    timespec left{static_cast<time_t>(us / 1000000u), static_cast<long>(us % 1000000u) * 1000L};
-    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += static_cast<time_t>(us / 1000000u);
+    until.tv_nsec += static_cast<long>(us % 1000000u) * 1000L;
+    if (until.tv_nsec >= k_ns_per_s) {
+        until.tv_nsec -= k_ns_per_s;
+        ++until.tv_sec;
+    }
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
 }
 

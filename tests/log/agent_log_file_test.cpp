@@ -117,6 +117,17 @@ TEST_F(agent_log_file_test, a_file_one_byte_below_the_limit_takes_a_line_and_one
     EXPECT_EQ(file_text(k_path), line("WARN", "fresh"));
 }
 
+TEST_F(agent_log_file_test, what_others_append_counts_towards_the_limit) {
+    init(AGENT_LOG_WARN, k_both, k_path, 200);
+    logged("ours");
+    FILE *other = fopen(k_path, "a");
+    ASSERT_NE(other, nullptr);
+    fputs(std::string(200, '.').c_str(), other);
+    fclose(other);
+    logged("fresh");
+    EXPECT_EQ(file_text(k_path), line("WARN", "fresh"));
+}
+
 TEST_F(agent_log_file_test, the_default_limit_is_one_mebibyte) {
     write_file(std::string(1048575, '.'));
     init(AGENT_LOG_WARN, k_both, k_path, 0);
@@ -157,6 +168,24 @@ TEST_F(agent_log_file_test, a_full_disk_loses_lines_of_the_file_and_nothing_else
     init(AGENT_LOG_WARN, k_both, "/dev/full");
     for (int i = 0; i < 100; ++i) EXPECT_EQ(logged("console"), line("WARN", "console"));
     EXPECT_NE(g_log_file, nullptr) << "there may be room again later";
+    EXPECT_EQ(g_log_in_use.load(), 0);
+}
+
+TEST_F(agent_log_file_test, the_guard_is_set_again_while_a_line_goes_to_the_file) {
+    static int guard_at_write;
+    guard_at_write = -1;
+    cookie_io_functions_t stream{};
+    stream.write = [](void *, const char *, size_t len) {
+        guard_at_write = g_log_in_use.load();
+        return static_cast<ssize_t>(len);
+    };
+    stream.seek = [](void *, off64_t *, int) { return 0; };
+    init(AGENT_LOG_WARN, k_both, k_path);
+    fclose(g_log_file);
+    g_log_file = fopencookie(nullptr, "a", stream);
+    ASSERT_NE(g_log_file, nullptr);
+    EXPECT_EQ(logged("line"), line("WARN", "line"));
+    EXPECT_EQ(guard_at_write, 1);
     EXPECT_EQ(g_log_in_use.load(), 0);
 }
 

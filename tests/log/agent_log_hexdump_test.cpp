@@ -1,3 +1,5 @@
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <array>
 #include <vector>
@@ -56,6 +58,15 @@ TEST_F(agent_log_hexdump_test, a_title_is_no_format) {
 TEST_F(agent_log_hexdump_test, above_debug_nothing_is_written) {
     agent_log_set_level(AGENT_LOG_INFO);
     EXPECT_EQ(dumped("t", k_bytes.data(), 17), "");
+}
+
+TEST_F(agent_log_hexdump_test, above_debug_the_bytes_are_not_even_read) {
+    constexpr size_t k_size = 4096;
+    void *unreadable = mmap(nullptr, k_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(unreadable, MAP_FAILED);
+    agent_log_set_level(AGENT_LOG_INFO);
+    EXPECT_EQ(dumped("t", static_cast<const uint8_t *>(unreadable), k_size), "");
+    munmap(unreadable, k_size);
 }
 
 TEST_F(agent_log_hexdump_test, the_longest_dump_ends_with_its_last_byte) {

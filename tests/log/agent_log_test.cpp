@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <unistd.h>
+#include <wchar.h>
 
 #include <cerrno>
 
@@ -100,6 +101,15 @@ TEST_F(agent_log_test, the_cut_may_split_a_multibyte_character) {
     message += "\xE7\xBB\xB4\xE6\xB5\x8B";
     const std::string text = printed([&message] { agent_log(AGENT_LOG_INFO, "%s", message.c_str()); });
     EXPECT_EQ(text, line("INFO", std::string(1020, 'x') + "\xE7\xBB"));
+}
+
+// The locale "C" has no bytes for that character, which makes formatting fail half-way.
+TEST_F(agent_log_test, a_message_that_cannot_be_formatted_is_an_empty_line) {
+    const std::string text = printed([] {
+        agent_log(AGENT_LOG_INFO, "x%lc", static_cast<wint_t>(0xD800));
+        agent_log_printf("x%lc", static_cast<wint_t>(0xD800));
+    });
+    EXPECT_EQ(text, line("INFO", "") + line("INFO", ""));
 }
 
 TEST_F(agent_log_test, printf_logs_at_info_and_keeps_255_characters) {

@@ -1,7 +1,9 @@
 #include <pthread.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
+#include <thread>
 
 #include "log/platform_memory.h"
 #include "log/platform_thread.h"
@@ -93,6 +95,28 @@ TEST(platform_time, a_clock_without_members_is_the_real_one) {
     EXPECT_GT(after_ms, before_ms);
     EXPECT_GE(wall_s, static_cast<int64_t>(before_wall_ms / 1000) - 1);
     EXPECT_GT(wall_s, 1700000000);
+}
+
+TEST(platform_time, a_signal_does_not_cut_a_sleep_short) {
+    constexpr uint64_t k_sleep_ms = 100;
+    struct sigaction ignore {};
+    struct sigaction previous {};
+    ignore.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &ignore, &previous), 0);
+    std::atomic<bool> awake{false};
+    std::thread disturber([&awake, sleeper = pthread_self()] {
+        while (!awake.load()) {
+            pthread_kill(sleeper, SIGUSR1);
+            platform_sleep_us(1000);
+        }
+    });
+    const uint64_t before_ms = platform_mono_ms();
+    platform_sleep_us(k_sleep_ms * 1000);
+    const uint64_t after_ms = platform_mono_ms();
+    awake.store(true);
+    disturber.join();
+    EXPECT_GE(after_ms - before_ms, k_sleep_ms - 1);  // both readings are cut to milliseconds
+    EXPECT_EQ(sigaction(SIGUSR1, &previous, nullptr), 0);
 }
 
 struct seen_by_thread {
