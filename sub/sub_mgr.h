@@ -57,18 +57,30 @@ struct sub_manager {
 extern sub_manager g_sub_mgr;
 
 int sub_init();  // 0 or -2; a second call frees what the first allocated
+// Frees it all; harmless without sub_init, and twice.
 void sub_deinit();
+
+// Adds an entry, or gives the entry of this client and filter new values; its identifier stays. Texts are cut
+// to their fields. qos: 0..2. Returns 0; -1 for a missing or empty text, a higher QoS or an invalid filter;
+// -4 when the table is full or there is none.
 int sub_add(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session);
+// The same with an identifier, which a repetition overwrites; 0 means none, and then it is sub_add. With an
+// identifier an empty client_id is taken, and only an invalid filter is logged.
 int sub_add_with_id(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session,
                     uint32_t subscription_identifier);
-int sub_remove(const char *client_id, const char *topic_filter);  // null filter: all of the client
-int sub_match(const char *topic, mqtt_subscription *results, int max_matched);
+// A null filter means all entries of the client. The others keep their order. Returns the number removed, or
+// -1 for a missing or empty client_id.
+int sub_remove(const char *client_id, const char *topic_filter);
 
+// Copies the first max_matched entries whose filter matches into results, in table order. Returns their
+// number; 0 also for bad arguments. A client comes once for each of its filters that match.
+int sub_match(const char *topic, mqtt_subscription *results, int max_matched);
 // sub_match for routing: the same entries in the same order, without copying whole entries. Returns the
 // count, 0 for bad arguments, -1 when there is no memory.
 int sub_match_routes(const char *topic, sub_route_list *out, int max_matched);
 
-int sub_get_client_sub_count(const char *client_id);
+int sub_get_client_sub_count(const char *client_id);  // -1 for a missing or empty client_id
+// Copies the first entry with this identifier. 0, or -1: none, identifier 0 or out null.
 int sub_find_by_identifier(uint32_t subscription_identifier, mqtt_subscription *out);
 
 }  // namespace zeb

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "sub/text_hash.h"
 #include "tests/sub/numbered.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
@@ -299,6 +300,28 @@ TEST_F(retain_store, messages_stored_into_the_array_directly_are_found) {
     EXPECT_EQ(kept("b"), "1");
     EXPECT_EQ(set("b", ""), 0);
     EXPECT_EQ(topics(), "a\n");
+}
+
+TEST_F(retain_store, nothing_of_an_earlier_life_is_left) {
+    ASSERT_EQ(set("a", "1"), 0);
+    const retain_msg msg = g_sub_mgr.retains[0];
+    zeb::sub_deinit();
+    ASSERT_EQ(zeb::sub_init(), 0);
+    EXPECT_EQ(topics(), "");
+    g_sub_mgr.retains[0] = msg;
+    g_sub_mgr.retains[0].topic[0] = 'b';
+    g_sub_mgr.retain_count.store(1);
+    EXPECT_EQ(kept("b"), "1");
+    EXPECT_EQ(kept("a"), "(none)");
+}
+
+TEST_F(retain_store, topics_with_one_hash_are_told_apart) {
+    ASSERT_EQ(zeb::text_hash(zeb_test::k_twins[0]), zeb::text_hash(zeb_test::k_twins[1]));
+    ASSERT_EQ(set(zeb_test::k_twins[0], "1"), 0);
+    EXPECT_EQ(kept(zeb_test::k_twins[1]), "(none)");
+    ASSERT_EQ(set(zeb_test::k_twins[1], "2"), 0);
+    EXPECT_EQ(kept(zeb_test::k_twins[0]), "1");
+    EXPECT_EQ(kept(zeb_test::k_twins[1]), "2");
 }
 
 TEST_F(retain_store, without_memory_there_are_no_messages) {

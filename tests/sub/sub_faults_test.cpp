@@ -119,7 +119,9 @@ TEST(sub_faults, routes_that_find_no_room_are_reported) {
 
     zeb::sub_route_list list;
     g_arrays_fail = true;
+    zeb::agent_log_set_level(zeb::AGENT_LOG_INFO);
     EXPECT_EQ(zeb::sub_match_routes("a", &list, 10), -1);
+    zeb::agent_log_set_level(zeb::AGENT_LOG_FATAL);
     EXPECT_EQ(list.count, 0);
     g_arrays_fail = false;
     EXPECT_EQ(zeb::sub_match_routes("a", &list, 10), 1);
@@ -132,6 +134,7 @@ TEST(sub_faults, routes_that_find_no_room_are_reported) {
     EXPECT_EQ(zeb::sub_match_routes(std::string(300, 'b').c_str(), &list, 10), 1);
     EXPECT_EQ(std::string(list.routes[0].filter), "$share/g/" + std::string(300, 'b'));
     zeb::sub_deinit();
+    EXPECT_EQ(log.text(), "") << "a match that failed has no result to report";
 }
 
 int set(const char *topic, uint32_t payload_len, uint32_t expiry) {
@@ -159,6 +162,9 @@ TEST(sub_faults, each_change_of_the_retained_store_is_saved) {
         {"b", 1, 10, 2, 2},  // the expiry is a change of its own
         {"a", 0, 0, 1, 1},   // removed by an empty payload
         {"a", 0, 0, 0, 1},   // nothing to remove
+        {"b", 0, 10, 2, 0},  // removed, and the expiry is saved although its message is gone
+        {"b", 0, 10, 1, 0},  // nothing but the expiry
+        {"b", 1, 0, 1, 1},
     };
     for (const step &s : k_steps) {
         g_saves = 0;

@@ -1,13 +1,16 @@
 // Holds what the index finds against a walk over the table with topic_match_wildcard.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "sub/sub_index.h"
 #include "sub/sub_mgr.h"
+#include "sub/text_hash.h"
 #include "sub/topic_filter.h"
 #include "tests/sub/numbered.h"
 #include "tests/support/log_capture.h"
@@ -179,6 +182,8 @@ TEST_F(sub_index, random_changes_keep_it_in_step_with_the_table) {
                 if (at == model.end()) model.push_back(pair);
         }
         ASSERT_EQ(g_sub_mgr.sub_count.load(), static_cast<int>(model.size()));
+        ASSERT_TRUE(zeb::sub_index_is_current(g_sub_mgr.index, g_sub_mgr.subs, g_sub_mgr.sub_count.load()))
+            << "it is told of every change, so that it need not be built again";
         if (step % 16 != 0) continue;
         for (size_t i = 0; i < model.size(); ++i)
             ASSERT_EQ(std::string(g_sub_mgr.subs[i].client_id) + " " + g_sub_mgr.subs[i].topic_filter,
@@ -187,20 +192,39 @@ TEST_F(sub_index, random_changes_keep_it_in_step_with_the_table) {
     }
 }
 
-// Takes every place of the index and gives it back, several times over.
+// Takes every place of the index and gives it back, several times over: no two filters share a node.
 TEST_F(sub_index, a_full_table_can_be_emptied_and_filled_again) {
     for (int round = 0; round < 3; ++round) {
+        const int first = round * SUB_MAX;
         for (int i = 0; i < SUB_MAX; ++i) {
-            const std::string number = std::to_string(i * (round + 1));
-            const std::string filter = "1/2/3/4/5/6/7/8/9/" + number + "/1/2/3/4/5/6/" + number;
+            const std::string filter =
+                std::to_string(first + i) + "/2/3/" + (i % 2 == 0 ? "4" : "+") + "/5/6/7/8/9/10/11/12/13";
             ASSERT_EQ(zeb::sub_add(numbered("c", i % 10).c_str(), filter.c_str(), 0, 0), 0);
         }
-        ASSERT_EQ(matched("1/2/3/4/5/6/7/8/9/0/1/2/3/4/5/6/0", 10).size(), 1u);
+        const std::string topic = std::to_string(first + 1) + "/2/3/4/5/6/7/8/9/10/11/12/13";
+        ASSERT_EQ(matched(topic.c_str(), 10).size(), 1u);
         for (int c = 0; c < 10; ++c)
             ASSERT_EQ(zeb::sub_remove(numbered("c", c).c_str(), nullptr), SUB_MAX / 10);
         ASSERT_EQ(g_sub_mgr.sub_count.load(), 0);
-        ASSERT_EQ(matched("1/2/3/4/5/6/7/8/9/0/1/2/3/4/5/6/0", 10).size(), 0u);
+        ASSERT_EQ(matched(topic.c_str(), 10).size(), 0u);
     }
+}
+
+TEST_F(sub_index, texts_with_one_hash_are_told_apart) {
+    const std::string a = zeb_test::k_twins[0];
+    const std::string b = zeb_test::k_twins[1];
+    ASSERT_EQ(zeb::text_hash(a.c_str()), zeb::text_hash(b.c_str()));
+    for (const std::string &client : {a, b})
+        for (const std::string &filter : {a, b, a + "/x", b + "/x", a + "/#", b + "/#"})
+            ASSERT_EQ(zeb::sub_add(client.c_str(), filter.c_str(), 0, 0), 0);
+    EXPECT_EQ(g_sub_mgr.sub_count.load(), 12);
+    for (const std::string &topic : {a, b, a + "/x", b + "/x"}) {
+        expect_same(topic);
+        EXPECT_EQ(matched(topic.c_str(), SUB_MAX).size(), 4u) << topic;
+    }
+    EXPECT_EQ(zeb::sub_remove(b.c_str(), a.c_str()), 1);
+    EXPECT_EQ(zeb::sub_remove(b.c_str(), nullptr), 5);
+    for (const std::string &topic : {a, b, a + "/x", b + "/x"}) expect_same(topic);
 }
 
 TEST_F(sub_index, entries_stored_into_the_table_directly_are_found) {
