@@ -14,7 +14,7 @@ namespace {
 void copy_text(char *dst, std::size_t size, const char *src) {
     const std::size_t len = src == nullptr ? 0 : strnlen(src, size - 1);
     if (len != 0) memcpy(dst, src, len);
-    dst[len] = '\0';
+    memset(dst + len, 0, size - len);  // whole fields are copied to the application
 }
 
 // All that an earlier owner of the record may have left behind.
@@ -157,7 +157,7 @@ mqtt_client *client_create(netip_handle handle, const char *ip, uint16_t port, m
 
 void client_set_cid(mqtt_client *client, const char *cid) {
     if (client == nullptr || client->state.load(std::memory_order_relaxed) == CLOSED) return;
-    char id[65];
+    char id[65] = "";
     if (cid == nullptr || cid[0] == '\0') {
         generate_id(client, id, sizeof id);
         ZEB_LOG(AGENT_LOG_INFO, "[MQTT标准] 空ClientID，Broker自动生成: %s", id);
