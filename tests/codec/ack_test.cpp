@@ -279,6 +279,11 @@ TEST_F(ack_packets, decoding_bad_packets) {
          "50 02 12 34",
          -4,
          {"ERROR", "ACK decode: packet type mismatch (expected=4, actual=5)"}},
+        {"the type is told before a bad length",
+         4,
+         "50 7F 12 34",
+         -4,
+         {"ERROR", "ACK decode: packet type mismatch (expected=4, actual=5)"}},
         {"a length of four bytes",
          4,
          "40 82 80 80 00 12 34",
@@ -296,6 +301,11 @@ TEST_F(ack_packets, decoding_bad_packets) {
          -4,
          {"ERROR", "ACK decode: buffer too short for msg id"}},
     });
+}
+
+TEST_F(ack_packets, a_bad_length_leaves_a_cleared_record) {
+    expect_cleared<mqtt_ack_para>(decode<MQTT_PKT_PUBACK>, "40 82 80 80 00 12 34");
+    expect_cleared<mqtt_ack_para>(decode<MQTT_PKT_PUBACK>, "40 03 12 34");
 }
 
 TEST_F(ack_packets, decoding_refuses_bad_arguments) {

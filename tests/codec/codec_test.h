@@ -33,7 +33,7 @@ class heap_block {
     heap_block(const heap_block &) = delete;
     heap_block &operator=(const heap_block &) = delete;
 
-    uint8_t *data() { return data_; }
+    uint8_t *data() const { return data_; }
     size_t size() const { return size_; }
 
   private:
@@ -103,7 +103,7 @@ struct decode_row {
     int rc;
     log_line line;
     int consumed = 0;          // on success
-    uint32_t level_after = 0;  // on success
+    uint32_t level_after = 0;  // 0 for a refused packet: as before
     void (*check)(const Para &) = nullptr;
 };
 
@@ -163,6 +163,7 @@ void decode_anything(Decoder decode, uint32_t level, const uint8_t *data, size_t
     ASSERT_TRUE(rc <= MQTT_CODEC_OK && rc >= MQTT_CODEC_ERR_UNSUPPORTED) << rc;
     if (rc != MQTT_CODEC_OK) {
         EXPECT_EQ(len, static_cast<int>(n));
+        EXPECT_EQ(ctx.last_packet_len, 0u);
         return;
     }
     EXPECT_GE(len, 2);
@@ -170,6 +171,13 @@ void decode_anything(Decoder decode, uint32_t level, const uint8_t *data, size_t
     EXPECT_EQ(ctx.last_packet_len, static_cast<uint32_t>(len));
     EXPECT_TRUE(ctx.protocol_version == 4 || ctx.protocol_version == 5 || ctx.protocol_version == level);
     expect_sound(*para);
+}
+
+// Two decoders note their type before they have seen the whole packet; a refusal by another leaves no trace.
+inline uint32_t type_after_refusal(uint32_t type, const bytes &wire) {
+    const bool early =
+        type == MQTT_PKT_DISCONNECT || (type == MQTT_PKT_UNSUBSCRIBE && !wire.empty() && wire[0] == 0xA2);
+    return early ? type : 0;
 }
 
 template <typename Para, typename Decoder>
@@ -189,6 +197,8 @@ void run_decode_row(Decoder decode, const decode_row<Para> &row, uint32_t type) 
     if (row.rc != MQTT_CODEC_OK) {
         EXPECT_EQ(len, static_cast<int>(wire.size())) << "the length of a refused packet was touched";
         EXPECT_EQ(ctx.last_packet_len, 0u);
+        EXPECT_EQ(ctx.last_packet_type, type_after_refusal(type, wire));
+        EXPECT_EQ(ctx.protocol_version, row.level_after != 0 ? row.level_after : row.level);
         return;
     }
     EXPECT_EQ(len, row.consumed);
@@ -231,16 +241,32 @@ void run_encode_row(Encoder encode, const encode_row<Para> &row, uint32_t type) 
         expect_line(log, row.line);
     }
     EXPECT_EQ(ctx.protocol_version, row.level);
-    if (row.rc != MQTT_CODEC_OK) {
+    EXPECT_EQ(ctx.last_packet_len, 0u);
+    EXPECT_EQ(ctx.last_packet_type, row.rc == MQTT_CODEC_OK ? type : 0u);
+    int written = 0;
+    if (row.rc == MQTT_CODEC_OK) {
+        ASSERT_LE(len, row.capacity);
+        EXPECT_EQ(dump(out.data(), static_cast<size_t>(len)), dump(hex(row.wire)));
+        written = len;
+    } else {
         EXPECT_EQ(len, row.capacity) << "the length of a refused record was touched";
-        EXPECT_EQ(ctx.last_packet_type, 0u);
-        return;
     }
-    ASSERT_LE(len, row.capacity);
-    EXPECT_EQ(dump(out.data(), static_cast<size_t>(len)), dump(hex(row.wire)));
-    EXPECT_EQ(ctx.last_packet_type, type);
-    for (int i = len; i < row.capacity; ++i)
+    for (int i = written; i < row.capacity; ++i)
         ASSERT_EQ(out.data()[i], k_untouched) << "byte " << i << " behind the packet was written";
+}
+
+// A refused packet leaves nothing in the record of what was there before.
+template <typename Para, typename Decoder>
+void expect_cleared(Decoder decode, const std::string &wire_hex) {
+    const bytes wire = hex(wire_hex);
+    SCOPED_TRACE(dump(wire));
+    mqtt_codec_ctx ctx{};
+    set_level(&ctx, 4);
+    auto para = dirty_record<Para>();
+    int len = static_cast<int>(wire.size());
+    EXPECT_LT(decode(&ctx, wire.data(), &len, para.get()), 0);
+    const heap_block zeroes(sizeof(Para));
+    EXPECT_EQ(memcmp(para.get(), zeroes.data(), sizeof(Para)), 0);
 }
 
 // encode(decode(x)) must give x back.

@@ -70,6 +70,13 @@ TEST_F(connack, refused_records) {
          -2,
          "",
          {"ERROR", "CONNACK encode: unsupported version 6"}},
+        {"level 6, told when there is room for level 4",
+         6,
+         [](mqtt_connack_para &) {},
+         -2,
+         "",
+         {"ERROR", "CONNACK encode: unsupported version 6"},
+         4},
         {"three bytes at level 4",
          4,
          [](mqtt_connack_para &) {},
@@ -169,6 +176,17 @@ TEST_F(connack, decoding_good_packets) {
          7,
          5,
          [](const mqtt_connack_para &p) { EXPECT_EQ(p.receive_maximum, 0); }},
+        {"what is behind the block is not read",
+         4,
+         pkt("20", "00 00 03 21 00 14 22 00 0A"),
+         0,
+         {},
+         11,
+         5,
+         [](const mqtt_connack_para &p) {
+             EXPECT_EQ(p.receive_maximum, 20);
+             EXPECT_EQ(p.topic_alias_maximum, 0);
+         }},
         {"bytes behind the packet are left", 4, "20 02 00 00 D0 00", 0, {}, 4, 4},
     });
 }
@@ -202,6 +220,11 @@ TEST_F(connack, decoding_bad_packets) {
          -4,
          {"ERROR", "CONNACK decode: invalid property length"}},
     });
+}
+
+TEST_F(connack, a_refused_packet_leaves_a_cleared_record) {
+    expect_cleared<mqtt_connack_para>(mqtt_codec_decode_connack, "30 02 00 00");
+    expect_cleared<mqtt_connack_para>(mqtt_codec_decode_connack, "20 03 00 00");
 }
 
 TEST_F(connack, decoding_refuses_bad_arguments) {

@@ -249,6 +249,11 @@ TEST_F(connect_decode, will_qos_3_is_refused_only_with_the_will_flag) {
          v4("1E 00 3C 00 01 'c' 00 01 'w' 00 01 'p'"),
          -4,
          {"ERROR", "CONNECT decode: invalid Will QoS 3"}},
+        {"it is told before a missing keep alive",
+         4,
+         "10 08 00 04 'MQTT' 04 1E",
+         -4,
+         {"ERROR", "CONNECT decode: invalid Will QoS 3"}},
         {"without the flag the bits are stored all the same",
          4,
          v4("3A 00 3C 00 01 'c'"),
@@ -267,52 +272,52 @@ TEST_F(connect_decode, will_qos_3_is_refused_only_with_the_will_flag) {
 TEST_F(connect_decode, bad_properties) {
     run({
         {"no property length",
-         4,
+         5,
          v5("02 00 3C"),
          -4,
          {"ERROR", "CONNECT decode: invalid MQTT 5.0 property length (len=-1, consumed=0)"}},
         {"a property length of four bytes",
-         4,
+         5,
          v5("02 00 3C 80 80 80 00 00 01 'c'"),
          -4,
          {"ERROR", "CONNECT decode: invalid MQTT 5.0 property length (len=-1, consumed=0)"}},
         {"second identifier byte missing",
-         4,
+         5,
          v5_props("81"),
          -4,
          {"ERROR", "CONNECT decode: incomplete extended property type (pos=14)"}},
         {"session expiry cut short",
-         4,
+         5,
          v5_props("11 00 00 00"),
          -4,
          {"ERROR", "CONNECT decode: incomplete Session Expiry Interval (pos=14)"}},
         {"request response information cut short",
-         4,
+         5,
          v5_props("19"),
          -4,
          {"ERROR", "CONNECT decode: incomplete Request Response Info (pos=14)"}},
         {"request problem information cut short",
-         4,
+         5,
          v5_props("1A"),
          -4,
          {"ERROR", "CONNECT decode: incomplete Request Problem Info (pos=14)"}},
         {"receive maximum cut short",
-         4,
+         5,
          v5_props("21 00"),
          -4,
          {"ERROR", "CONNECT decode: incomplete Receive Maximum (pos=14)"}},
         {"topic alias maximum cut short",
-         4,
+         5,
          v5_props("22 00"),
          -4,
          {"ERROR", "CONNECT decode: incomplete Topic Alias Maximum (pos=14)"}},
         {"maximum packet size cut short",
-         4,
+         5,
          v5_props("27 00 00 10"),
          -4,
          {"ERROR", "CONNECT decode: incomplete Max Packet Size (pos=14)"}},
         {"a block that runs past the packet ends with it",
-         4,
+         5,
          v5("02 00 3C 7F 21 00"),
          -4,
          {"ERROR", "CONNECT decode: incomplete Receive Maximum (pos=14)"}},
@@ -360,7 +365,7 @@ TEST_F(connect_decode, an_empty_client_identifier_needs_clean_start) {
          -4,
          {"ERROR", "CONNECT decode: client_id_len=0 (empty ClientID)"}},
         {"clean start 0, reason",
-         4,
+         5,
          v5("00 00 3C 00 00 00"),
          -4,
          {"ERROR", "CONNECT decode: clean_start=0 - empty ClientID is NOT allowed (MQTT standard)"}},
@@ -370,7 +375,7 @@ TEST_F(connect_decode, an_empty_client_identifier_needs_clean_start) {
 TEST_F(connect_decode, a_24_byte_identifier_is_refused_at_level_4_only) {
     run({
         {"level 4",
-         5,
+         4,
          v4("02 00 3C 00 18 " + rep(24)),
          -4,
          {"ERROR", "CONNECT decode: MQTT 3.1.1 ClientID too long (len=24, max=23)"}},
@@ -461,12 +466,12 @@ TEST_F(connect_decode, will_properties) {
              EXPECT_STREQ(p.will_topic, "w");
          }},
         {"a length that does not decode is read as the topic's",
-         4,
+         5,
          v5("06 00 3C 00 00 01 'c' 80 80 80 01 00 01 'p'"),
          -4,
          {"ERROR", "CONNECT decode: invalid Will Topic length 32896"}},
         {"a block past the packet leaves no topic",
-         4,
+         5,
          v5("06 00 3C 00 00 01 'c' 7F 18 00 00 00 1E"),
          -4,
          {"ERROR", "CONNECT decode: no enough data for Will Topic length (pos=22)"}},
@@ -593,15 +598,8 @@ TEST_F(connect_decode, the_level_is_kept_also_when_a_later_field_is_refused) {
 }
 
 TEST_F(connect_decode, a_refused_packet_leaves_a_cleared_record) {
-    mqtt_codec_ctx ctx{};
-    auto para = dirty_record<mqtt_connect_para>();
-    const bytes wire = hex("20 0E 00 04 'MQTT' 04 02 00 3C 00 02 'c1'");
-    int len = static_cast<int>(wire.size());
-    EXPECT_EQ(mqtt_codec_decode_connect(&ctx, wire.data(), &len, para.get()), -4);
-    const mqtt_connect_para clear{};
-    EXPECT_EQ(para->maximum_packet_size, 0u);
-    EXPECT_EQ(memcmp(para->will_payload, clear.will_payload, sizeof clear.will_payload), 0);
-    EXPECT_STREQ(para->client_id, "");
+    expect_cleared<mqtt_connect_para>(mqtt_codec_decode_connect, "20 0E 00 04 'MQTT' 04 02 00 3C 00 02 'c1'");
+    expect_cleared<mqtt_connect_para>(mqtt_codec_decode_connect, "10 03 00 04 'MQTT' 04 02 00 3C");
 }
 
 TEST_F(connect_decode, bad_arguments) {

@@ -180,6 +180,30 @@ TEST_F(connect_encode, refused_records) {
          -1,
          "",
          {"ERROR", "CONNECT encode: password flag set but username flag not set"}},
+        {"no identifier is told before a password without a user name",
+         4,
+         [](mqtt_connect_para &p) { p.password_flag = 1; },
+         -1,
+         "",
+         {"ERROR", "CONNECT encode: client id is empty (protocol violation)"}},
+        {"a password without a user name is told before a bad will",
+         4,
+         [](mqtt_connect_para &p) {
+             will(p, 0, 0);
+             p.password_flag = 1;
+         },
+         -1,
+         "",
+         {"ERROR", "CONNECT encode: password flag set but username flag not set"}},
+        {"a bad will is told before a bad user name",
+         4,
+         [](mqtt_connect_para &p) {
+             will(p, 0, 0);
+             p.username_flag = 1;
+         },
+         -1,
+         "",
+         {"ERROR", "CONNECT encode: invalid will topic (len=0)"}},
         {"no will topic",
          4,
          [](mqtt_connect_para &p) { will(p, 0, 1); },

@@ -184,6 +184,11 @@ TEST_F(disconnect, bad_fixed_headers) {
          -3,
          {"ERROR", "DISCONNECT decode: buffer too short (need=4, have=3)"}},
         {"a level that is neither", 3, "E0 00", -2, {"ERROR", "DISCONNECT decode: unsupported MQTT version"}},
+        {"a level that is neither, with a body",
+         3,
+         "E0 01 00",
+         -2,
+         {"ERROR", "DISCONNECT decode: unsupported MQTT version"}},
         {"a length of two bytes", 4, "E0 80 00", 0, {}, 3, 4},
     });
 }
@@ -196,6 +201,10 @@ TEST_F(disconnect, decoding_notes_the_type_on_entry) {
     int len = sizeof wire;
     EXPECT_EQ(mqtt_codec_decode_disconnect(&ctx, wire, &len, &para), -4);
     EXPECT_EQ(ctx.last_packet_type, 14u);
+}
+
+TEST_F(disconnect, a_body_at_level_4_leaves_a_cleared_record) {
+    expect_cleared<mqtt_disconnect_para>(mqtt_codec_decode_disconnect, "E0 02 8E 00");
 }
 
 TEST_F(disconnect, decoding_refuses_bad_arguments) {

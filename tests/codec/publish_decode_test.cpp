@@ -96,6 +96,22 @@ TEST_F(publish_decode, the_level_is_recognised_by_the_shape_of_the_packet) {
          8,
          4,
          [](const mqtt_publish_para &p) { EXPECT_EQ(p.payload_len, 1u); }},
+        {"a length that would fit only with the next packet",
+         5,
+         "30 05 00 01 'a' 02 'h' C0 00",
+         0,
+         {},
+         7,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), "\x02h"); }},
+        {"a length whose second byte is the next packet's",
+         5,
+         "30 04 00 01 'a' 80 00",
+         0,
+         {},
+         6,
+         4,
+         [](const mqtt_publish_para &p) { EXPECT_EQ(payload(p), "\x80"); }},
         {"a length of four bytes is payload",
          5,
          "30 09 00 03 'a/b' 80 80 80 00",
@@ -146,6 +162,18 @@ TEST_F(publish_decode, the_trace_tells_why_a_packet_is_taken_for_level_4) {
     EXPECT_EQ(mqtt_codec_decode_publish(&ctx, wire.data(), &len, para.get()), 0);
     EXPECT_TRUE(log.has("DEBUG", "PUBLISH decode: no MQTT 5.0 prop (prop_len=104), version remain 3.1.1"))
         << log.text();
+}
+
+TEST_F(publish_decode, a_buffer_larger_than_a_dump_can_be_is_traced_in_part) {
+    mqtt_codec_ctx ctx{};
+    auto para = dirty_record<mqtt_publish_para>();
+    bytes wire = hex("30 05 00 01 'a' 'hi'");
+    wire.resize(UINT16_MAX + 1);
+    int len = static_cast<int>(wire.size());
+    log_capture log;
+    EXPECT_EQ(mqtt_codec_decode_publish(&ctx, wire.data(), &len, para.get()), 0);
+    EXPECT_TRUE(log.has("DEBUG", "PUBLISH decode: input"));
+    EXPECT_TRUE(log.has("DEBUG", "30 05 00 01 61 68 69 00 00 00 00 00 00 00 00 00 "));
 }
 
 TEST_F(publish_decode, flags_and_packet_identifiers) {
@@ -205,6 +233,11 @@ TEST_F(publish_decode, flags_and_packet_identifiers) {
          -4,
          {"ERROR",
           "PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=0, pos+2=7 > buf_len=5"}},
+        {"QoS 3 is told before a bad length",
+         4,
+         "36 7F 00 01 'a' 12 34 'hi'",
+         -4,
+         {"ERROR", "PUBLISH decode: invalid QoS=3 (protocol require 0/1/2)"}},
         {"another type",
          4,
          "42 07 00 01 'a' 12 34 'hi'",
@@ -438,6 +471,10 @@ TEST_F(publish_decode, a_refused_packet_changes_neither_level_nor_type) {
         EXPECT_EQ(para->payload_len, 0u);
         EXPECT_EQ(para->msg_expiry_interval, 0u);
     }
+}
+
+TEST_F(publish_decode, a_packet_of_another_type_leaves_a_cleared_record) {
+    expect_cleared<mqtt_publish_para>(mqtt_codec_decode_publish, "42 05 00 01 'a' 'hi'");
 }
 
 TEST_F(publish_decode, bad_arguments) {

@@ -224,6 +224,11 @@ TEST_F(subscribe, bad_headers) {
          "8F 08 00 0A 00 03 'a/b' 01",
          -4,
          {"ERROR", "SUBSCRIBE decode: invalid flags (0x0F, expect=0x02)"}},
+        {"flags are told before a bad length",
+         4,
+         "80 7F 00 0A 00 03 'a/b' 01",
+         -4,
+         {"ERROR", "SUBSCRIBE decode: invalid flags (0x00, expect=0x02)"}},
         {"a length of four bytes",
          4,
          "82 88 80 80 00 00 0A 00 03 'a/b' 01",
@@ -316,6 +321,11 @@ TEST_F(subscribe, a_257_byte_filter_stops_the_parse) {
          {"WARN",
           "SUBSCRIBE decode: invalid topic filter length 257 (max=256, pos+len=264, payload_end=265)"}},
     });
+}
+
+TEST_F(subscribe, a_refused_packet_leaves_a_cleared_record) {
+    expect_cleared<mqtt_subscribe_para>(mqtt_codec_decode_subscribe, "A2 08 00 0A 00 03 'a/b' 01");
+    expect_cleared<mqtt_subscribe_para>(mqtt_codec_decode_subscribe, "82 09 00 0A 00 03 'a/b' 01");
 }
 
 TEST_F(subscribe, decoding_refuses_bad_arguments) {

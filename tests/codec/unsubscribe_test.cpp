@@ -184,6 +184,11 @@ TEST_F(unsubscribe, bad_headers) {
          "A2 07 00 00 00 03 'a/b'",
          -1,
          {"ERROR", "UNSUBSCRIBE消息ID非法：msg_id=0"}},
+        {"identifier 0 is told before bad properties",
+         5,
+         "A2 04 00 00 80 80",
+         -1,
+         {"ERROR", "UNSUBSCRIBE消息ID非法：msg_id=0"}},
     });
 }
 
@@ -216,7 +221,7 @@ TEST_F(unsubscribe, level_5_properties) {
          }},
         {"an unknown pair is skipped",
          5,
-         pkt("A2", "00 0A 04 26 01 0B 07 00 01 'f'"),
+         pkt("A2", "00 0A 04 26 0B 0B 07 00 01 'f'"),
          0,
          {"WARN", "MQTT 5.0不支持的UNSUBSCRIBE属性：0x26"},
          12,
@@ -297,7 +302,9 @@ TEST_F(unsubscribe, a_context_without_a_level_takes_it_from_the_shape) {
          3,
          "A2 09 00 0A 02 0B 07 00 01 'f' 'g'",
          -4,
-         {"INFO", "UNSUBSCRIBE自动识别为5.0版本"}},
+         {"INFO", "UNSUBSCRIBE自动识别为5.0版本"},
+         0,
+         5},
         {"the same without the stray byte",
          3,
          "A2 08 00 0A 02 0B 07 00 01 'f'",
@@ -310,7 +317,9 @@ TEST_F(unsubscribe, a_context_without_a_level_takes_it_from_the_shape) {
          6,
          "A2 06 00 0A 03 0B 07 00",
          -4,
-         {"INFO", "UNSUBSCRIBE自动识别为3.1.1版本"}},
+         {"INFO", "UNSUBSCRIBE自动识别为3.1.1版本"},
+         0,
+         4},
         {"no filters",
          7,
          "A2 02 00 0A",
@@ -319,8 +328,20 @@ TEST_F(unsubscribe, a_context_without_a_level_takes_it_from_the_shape) {
          4,
          4,
          [](const mqtt_unsubscribe_para &p) { EXPECT_EQ(p.filter_count, 0); }},
-        {"an empty block alone", 0, "A2 03 00 0A 00", -4, {"INFO", "UNSUBSCRIBE自动识别为3.1.1版本"}},
+        {"an empty block alone", 0, "A2 03 00 0A 00", -4, {"INFO", "UNSUBSCRIBE自动识别为3.1.1版本"}, 0, 4},
+        {"a block length that has no end",
+         0,
+         "A2 04 00 0A 80 80",
+         -4,
+         {"INFO", "UNSUBSCRIBE自动识别为3.1.1版本"},
+         0,
+         4},
     });
+}
+
+TEST_F(unsubscribe, a_refused_packet_leaves_a_cleared_record) {
+    expect_cleared<mqtt_unsubscribe_para>(mqtt_codec_decode_unsubscribe, "82 07 00 0A 00 03 'a/b'");
+    expect_cleared<mqtt_unsubscribe_para>(mqtt_codec_decode_unsubscribe, "A2 08 00 0A 00 03 'a/b'");
 }
 
 TEST_F(unsubscribe, decoding_refuses_bad_arguments) {
