@@ -143,12 +143,12 @@ int mqtt_codec_encode_disconnect(mqtt_codec_ctx *ctx, const mqtt_disconnect_para
 // Returns the offset, at most len - 2; -1 when there is none: QoS 0, another packet type, a packet cut short.
 int mqtt_codec_publish_id_offset(const uint8_t *packet, int len);
 
-// Decoders: *buf_len is the number of bytes available on entry and where parsing ended on success, which is not
-// always the packet's end: a stream is stepped through by its fixed headers, not by this. It is not touched on
-// failure, when the record must not be used either.
+// Decoders: *buf_len is the number of bytes available on entry and where parsing ended on success, which is
+// not always the packet's end: a stream is stepped through by its fixed headers, not by this. It is not
+// touched on failure, when the record must not be used either.
 //
-// last_packet_len is that end, and last_packet_type is set with it on success; UNSUBSCRIBE sets the type as soon
-// as it has accepted the first byte and DISCONNECT before it looks at the packet.
+// last_packet_len is that end, and last_packet_type is set with it on success; UNSUBSCRIBE sets the type as
+// soon as it has accepted the first byte and DISCONNECT before it looks at the packet.
 //
 // The context's level is set by CONNECT (from the packet, also when a later field is refused), by CONNACK,
 // PUBLISH, the acknowledgements and the simple packets (from the packet's shape), and by UNSUBSCRIBE when it
