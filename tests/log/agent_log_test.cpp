@@ -215,6 +215,16 @@ TEST_F(agent_log_test, a_call_under_way_during_deinit_does_not_release_the_guard
     EXPECT_EQ(printed([] { agent_log(AGENT_LOG_FATAL, "silent"); }), "");
 }
 
+TEST_F(agent_log_test, a_call_under_way_during_two_deinits_does_not_release_the_guard) {
+    on_stamp = [] {
+        agent_log_deinit();
+        agent_log_deinit();
+    };
+    EXPECT_EQ(printed([] { agent_log(AGENT_LOG_INFO, "last"); }), line("INFO", "last"));
+    on_stamp = nullptr;
+    EXPECT_EQ(g_log_in_use.load(), 1);
+}
+
 TEST_F(agent_log_test, a_call_under_way_during_a_restart_leaves_the_guard_free) {
     on_stamp = [] {
         agent_log_deinit();
