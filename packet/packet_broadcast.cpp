@@ -168,6 +168,7 @@ void packet_handler_broadcast_msg(const uint8_t *msg, int len, uint8_t is_will) 
             static_cast<int>(raw.qos), len, k_fanout_max);
     routing_scratch scratch;
     const int count = scratch.match(raw.topic);
+    if (count == routing_scratch::k_no_selection) return;
     if (count < 0) {
         ZEB_LOG(AGENT_LOG_ERROR, "[遗嘱调试][广播失败] malloc订阅者数组失败：errno=%d", ENOMEM);
         return;

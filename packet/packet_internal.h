@@ -92,7 +92,11 @@ class routing_scratch {
     routing_scratch(const routing_scratch &) = delete;
     routing_scratch &operator=(const routing_scratch &) = delete;
 
-    // Matches a topic and chooses the members of shared groups; the number of routes, or -1.
+    static constexpr int k_no_routes = -1;
+    static constexpr int k_no_selection = -2;
+
+    // Matches a topic and chooses the members of shared groups; the number of routes, or one of the two above
+    // when there is no memory for the routes or for the choice.
     int match(const char *topic);
     const sub_route &route(int i) const;
     bool skipped(int i) const;   // a shared subscription whose turn it is not

@@ -73,8 +73,12 @@ void fan_out(const mqtt_client *publisher, const mqtt_publish_para &pub, routing
 bool route(const mqtt_client *publisher, const mqtt_publish_para &pub) {
     routing_scratch scratch;
     const int count = scratch.match(pub.topic);
-    if (count < 0) {
+    if (count == routing_scratch::k_no_routes) {
         ZEB_LOG(AGENT_LOG_ERROR, "matched_subs malloc failed: %d", ENOMEM);
+        return false;
+    }
+    if (count == routing_scratch::k_no_selection) {
+        ZEB_LOG(AGENT_LOG_ERROR, "selected_shared malloc failed: %d", ENOMEM);
         return false;
     }
     if (count == 0)

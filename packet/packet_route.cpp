@@ -103,11 +103,11 @@ routing_scratch::~routing_scratch() {
 }
 
 int routing_scratch::match(const char *topic) {
-    if (block_ == nullptr) return -1;
+    if (block_ == nullptr) return k_no_routes;
     block_->routes.all_filters = agent_log_enabled(AGENT_LOG_DEBUG);  // they are listed at that level
     const int count = sub_match_routes(topic, &block_->routes, k_fanout_max);
-    if (count <= 0) return count;
-    if (!reserve_selection(block_, count)) return -1;
+    if (count < 0) return k_no_routes;
+    if (!reserve_selection(block_, count)) return k_no_selection;
     for (int i = 0; i < count; ++i) {
         if (route(i).shared) {
             packet_mark_shared(&route(0), count, block_->selected);
