@@ -20,7 +20,7 @@ bool group_of(const std::string &filter, std::string *rest, std::string *name) {
 }
 
 // The rule word for word: each group name in order of appearance, its pool gathered by a walk over all.
-selection choose_slowly(const texts &filters, int32_t *counter) {
+selection choose_slowly(const texts &filters, uint32_t *counter) {
     selection chosen(filters.size(), 0);
     texts seen;
     std::string rest;
@@ -37,8 +37,7 @@ selection choose_slowly(const texts &filters, int32_t *counter) {
             if (group_of(filters[i], &rest, &other) && rest.compare(0, name.size(), name) == 0)
                 pool.push_back(i);
         }
-        const uint32_t turn = static_cast<uint32_t>((*counter)++);
-        chosen[pool[turn % pool.size()]] = 1;
+        chosen[pool[(*counter)++ % pool.size()]] = 1;
     }
     return chosen;
 }
@@ -138,11 +137,11 @@ TEST_F(shared_selection, twenty_thousand_random_lists_are_chosen_like_the_slow_r
     const texts k_names{"",  "a",  "b",  "ab",    "aba", "abb", "a b", "\xC3\xA4",           "zz",
                         "z", "b!", "b0", "b\x7F", "A",   "a-",  "a.",  std::string(256, 'q')};
     const texts k_tails{"/t", "/#", "/a/b", "", "/", "/+"};
-    int32_t counter = 0;
+    uint32_t counter = 0;
     for (int round = 0; round < 20000; ++round) {
         if (round % 1000 == 0) {
-            counter = static_cast<int32_t>(random(2) ? INT32_MAX - 20 : round);
-            zeb::g_rr_counter.store(counter);
+            counter = random(2) == 0 ? INT32_MAX - 20 : static_cast<uint32_t>(round);
+            zeb::g_rr_counter.store(static_cast<int32_t>(counter));
         }
         texts filters(random(16) + 1);
         for (std::string &f : filters) {
@@ -152,14 +151,14 @@ TEST_F(shared_selection, twenty_thousand_random_lists_are_chosen_like_the_slow_r
         }
         const selection expected = choose_slowly(filters, &counter);
         ASSERT_EQ(expected, choose(filters)) << "round " << round;
-        ASSERT_EQ(counter, zeb::g_rr_counter.load()) << "round " << round;
+        ASSERT_EQ(counter, static_cast<uint32_t>(zeb::g_rr_counter.load())) << "round " << round;
     }
 }
 
 TEST_F(shared_selection, a_thousand_groups_are_chosen_like_the_slow_rule) {
     texts filters;
     for (int i = 0; i < 1200; ++i) filters.push_back("$share/g" + std::to_string(i * 7919 % 1000) + "/t");
-    int32_t counter = 0;
+    uint32_t counter = 0;
     EXPECT_EQ(choose_slowly(filters, &counter), choose(filters));
     EXPECT_EQ(1000, zeb::g_rr_counter.load());
 }
