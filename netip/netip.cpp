@@ -75,8 +75,7 @@ int open_tcp() {
     if (!bind_to_port(g_netip_tcp_listen)) return NETIP_ERR_BIND;
     if (listen(g_netip_tcp_listen, NETIP_BACKLOG) != 0) return NETIP_ERR_LISTEN;
     // Edge-triggered: a client that cannot be accepted for lack of descriptors must not wake the I/O thread
-    // for ever. Without this registration only the datagrams that arrive together with a new client would
-    // wait a little.
+    // for ever. Should it fail, a datagram just waits for the next event of a connection.
     (void)watch(netip_epoll_fd, g_netip_tcp_listen, NETIP_EPOLL_INPUT | EPOLLET, NETIP_EPOLL_LISTEN);
     return NETIP_OK;
 }
@@ -127,8 +126,7 @@ void stop_io_threads() {
     g_io_threads_started = 0;
 }
 
-// A thread that is inside netip_close at this moment still needs our epoll descriptors, and its callback the
-// argument.
+// A thread inside netip_close at this moment still needs our epoll descriptors, its callback the argument.
 void wait_for_closers(uint32_t used) {
     for (uint32_t i = 0; i < used; ++i)
         while (g_netip_clients[i].closing.load(std::memory_order_acquire) != 0)
@@ -173,6 +171,7 @@ int netip_init(netip_event_cb cb, void *arg, int io_threads) {
     g_io_thread_num = std::clamp(io_threads, 1, NETIP_MAX_IO_THREADS);
     for (int i = 0; i < NETIP_MAX_IO_THREADS; ++i) g_io_workers[i] = {i, -1, -1, nullptr};
     netip_table_clear();
+    netip_forget_unsent();
     g_netip_running.store(1, std::memory_order_relaxed);
 
     const int code = open_all();

@@ -67,8 +67,7 @@ struct netip_conn {
     uint32_t pkt_len;
     uint8_t pkt_len_known;
 
-    // Tells a connection from its successors in the same slot: changes when the slot is taken and when it is
-    // freed.
+    // Tells a connection from its successors in the slot: changes when it is taken and when it is freed.
     std::atomic<uint32_t> generation;
     std::atomic<uint8_t> closing;       // freed, but its DISCONNECT still runs or its socket is still open
     std::atomic<uint8_t> io_busy;       // an I/O thread is handling an event of this slot
@@ -104,8 +103,7 @@ extern struct epoll_event g_epoll_events[NETIP_MAX_EVENTS];
 int netip_init(netip_event_cb cb, void *arg, int io_threads);
 
 // Stop the threads, tell the callback about every connection left (reason 2) and close everything. Harmless
-// when the module is down. Refused with an error line inside a callback, which runs on a thread that has to
-// end first.
+// when the module is down. Refused with an error line inside a callback: its thread would wait for itself.
 void netip_deinit();
 
 // Whether the calling thread is inside the event callback, where netip_deinit is refused.
@@ -128,8 +126,7 @@ bool netip_send_blocked(netip_handle h);
 // is ignored, so closing again from inside that DISCONNECT is harmless.
 void netip_close(netip_handle h);
 
-// 1 and the dotted text; 0 and zeros for a handle that is not in use; 0 and nothing written when size is
-// below 16.
+// 1 and the dotted text; 0 and zeros for a handle not in use; 0 and nothing written when size is below 16.
 int netip_get_client_ip(netip_handle h, char *dst, uint32_t size);
 int netip_get_client_port(netip_handle h);              // host order; 0 when not in use
 uint64_t netip_get_client_last_active(netip_handle h);  // wall-clock milliseconds; 0 when not in use

@@ -40,8 +40,7 @@ void sit_out_failure(int error, int listen_fd, bool *reported) {
     netip_open_spare();
 }
 
-// Under the slot lock, so that a connection that somebody closed meanwhile is not registered by its old
-// number.
+// Under the slot lock: a connection closed meanwhile must not be registered by its old descriptor number.
 bool watch_input(netip_conn &conn, uint32_t generation) {
     std::lock_guard guard(conn.lock);
     if (!netip_is_current(conn, generation)) return false;

@@ -19,6 +19,7 @@ thread_local int t_callback_depth = 0;
 
 void leave_epoll(netip_conn &conn) {
     conn.output_watched = 0;
+    conn.send_blocked.store(0, std::memory_order_relaxed);  // nobody would ever say that it is over
     // Fails for a socket that was taken out already, which is just as well.
     (void)epoll_ctl(g_io_workers[conn.worker].epoll_fd, EPOLL_CTL_DEL, conn.fd, nullptr);
 }
@@ -38,10 +39,10 @@ void forget_received(netip_conn &conn) {
 }
 
 // Slot lock held. From here on nobody finds the connection, and nobody gets the slot until release_slot.
-uint32_t mark_closing(netip_conn &conn) {
+void mark_closing(netip_conn &conn) {
     conn.closing.store(1, std::memory_order_relaxed);
     conn.in_use.store(0, std::memory_order_release);
-    return conn.generation.fetch_add(1, std::memory_order_relaxed) + 1;
+    conn.generation.fetch_add(1, std::memory_order_relaxed);
 }
 
 // Slot lock held. Ends what mark_closing began; `keep_socket` leaves the descriptor to whoever asked for
@@ -52,7 +53,6 @@ void release_slot(netip_conn &conn, bool keep_socket) {
         leave_epoll(conn);
     }
     conn.unsent_len = 0;
-    conn.send_blocked.store(0, std::memory_order_relaxed);
     if (!keep_socket) {
         if (conn.type == NETIP_TYPE_TCP) {
             (void)shutdown(conn.fd, SHUT_WR);  // fails when the peer is gone already

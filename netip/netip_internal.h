@@ -2,6 +2,7 @@
 
 // What the files of this folder share. "Slot lock held" below means netip_conn::lock of the slot in question.
 
+#include <cstddef>
 #include <mutex>
 
 #include "netip/netip.h"
@@ -13,6 +14,7 @@ inline constexpr uint32_t NETIP_REASON_CLOSED = 2;
 inline constexpr uint32_t NETIP_REASON_DATA = 3;  // also: a datagram came from a new peer
 
 inline constexpr int NETIP_MAX_IO_THREADS = 8;
+inline constexpr std::size_t NETIP_PAGE = 4096;
 
 // epoll data: the generation above, the slot's index plus one below, so that an event of a closed connection
 // that is still in a batch is not taken for one of its successor.
@@ -60,6 +62,7 @@ bool netip_read_connection(netip_conn &conn, uint32_t generation);
 // netip_send.cpp
 void netip_output_ready(netip_conn &conn, uint32_t generation);
 void netip_send_last_bytes(netip_conn &conn);  // slot lock held
+void netip_forget_unsent();                    // returns the memory
 
 // netip_udp.cpp
 void netip_udp_forget_peers();

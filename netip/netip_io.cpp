@@ -63,7 +63,9 @@ void *netip_io_thread(void *arg) {
     while (g_netip_running.load(std::memory_order_relaxed) != 0) {
         const int count = wait_for_events(worker);
         if (count == 0) continue;
-        for (int i = 0; i < count; ++i) handle_event(worker.events[i]);
+        // Checked for each event: a batch of busy connections can take long, and netip_deinit waits for us.
+        for (int i = 0; i < count && g_netip_running.load(std::memory_order_relaxed) != 0; ++i)
+            handle_event(worker.events[i]);
         if (worker.index == 0 && g_netip_udp >= 0) netip_udp_recv();
     }
     return nullptr;

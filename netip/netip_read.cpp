@@ -13,6 +13,7 @@ namespace {
 
 // What one connection may bring in one go before the others get their turn; epoll reports the rest again.
 constexpr uint32_t k_read_budget = 65536;
+constexpr uint32_t k_packet_budget = 512;  // tiny packets cost far more than their bytes
 constexpr uint32_t k_length_bytes = 4;
 
 // The total length of the packet that starts at `head`. False while its length bytes are not complete, which
@@ -40,7 +41,7 @@ void deliver_packet(netip_handle h, const uint8_t *packet, uint32_t len) {
 
 // Delivers every whole packet in place and moves what is left to the front once. False when a callback (or
 // another thread) closed the connection meanwhile: what it still had buffered belongs to nobody then.
-bool deliver_packets(netip_conn &conn, uint32_t generation) {
+bool deliver_packets(netip_conn &conn, uint32_t generation, uint32_t *delivered) {
     uint32_t pos = 0;
     for (;;) {
         const uint32_t available = conn.rx_len - pos;
@@ -50,6 +51,7 @@ bool deliver_packets(netip_conn &conn, uint32_t generation) {
         }
         if (conn.pkt_len > available) break;
         deliver_packet(netip_index(conn), conn.rx_buf + pos, conn.pkt_len);
+        ++*delivered;
         if (!netip_is_current(conn, generation)) return false;
         pos += conn.pkt_len;
         conn.pkt_len_known = 0;
@@ -63,8 +65,7 @@ bool deliver_packets(netip_conn &conn, uint32_t generation) {
 
 enum class received { bytes, nothing, end };
 
-// Under the slot lock: without it the descriptor could be closed, and its number given away, just before the
-// recv.
+// Under the slot lock: otherwise the descriptor could be closed, and its number given away, before the recv.
 received receive(netip_conn &conn, uint32_t generation, uint32_t *count) {
     std::lock_guard guard(conn.lock);
     if (!netip_is_current(conn, generation)) return received::nothing;
@@ -80,7 +81,9 @@ received receive(netip_conn &conn, uint32_t generation, uint32_t *count) {
 }  // namespace
 
 bool netip_read_connection(netip_conn &conn, uint32_t generation) {
-    for (uint32_t total = 0; total < k_read_budget;) {
+    uint32_t total = 0;
+    uint32_t packets = 0;
+    while (total < k_read_budget && packets < k_packet_budget) {
         const uint32_t room = NETIP_RX_BUF_SIZE - conn.rx_len;
         uint32_t count = 0;
         const received result = receive(conn, generation, &count);
@@ -90,8 +93,8 @@ bool netip_read_connection(netip_conn &conn, uint32_t generation) {
         conn.last_active_ms.store(platform_wall_ms(), std::memory_order_relaxed);
         ZEB_LOG(AGENT_LOG_DEBUG, "[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d",
                 static_cast<int>(netip_index(conn)), static_cast<int>(conn.rx_len));
-        if (!deliver_packets(conn, generation)) return false;
-        // A packet that does not fit is never finished: the connection ends. This bounds what a client may
+        if (!deliver_packets(conn, generation, &packets)) return false;
+        // A packet that does not fit is never finished, so the connection ends: the bound on what clients
         // send.
         if (conn.rx_len == NETIP_RX_BUF_SIZE) return true;
         if (count < room) return false;  // the socket had no more; asking again would only say so

@@ -1,3 +1,4 @@
+#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -13,7 +14,7 @@ static_assert(NETIP_RX_BUF_SIZE <= UINT16_MAX, "unsent_offset and unsent_len are
 constexpr int k_max_packet = NETIP_RX_BUF_SIZE;
 
 // Kept apart from the slots: a connection whose peer keeps up never touches its page here. Slot lock held.
-uint8_t g_unsent[NETIP_MAX_CONN][NETIP_RX_BUF_SIZE];
+alignas(NETIP_PAGE) uint8_t g_unsent[NETIP_MAX_CONN][NETIP_RX_BUF_SIZE];
 
 ssize_t send_bytes(int fd, const uint8_t *data, std::size_t len) {
     ssize_t sent;
@@ -58,8 +59,7 @@ void keep_unsent(netip_conn &conn, const uint8_t *data, std::size_t len) {
     watch_output(conn);
 }
 
-// NETIP_OK once nothing is left. The rest stays whatever the failure, for the stream would be torn without
-// it.
+// NETIP_OK once nothing is left. The rest is kept whatever the failure: without it the stream would be torn.
 int send_unsent(netip_conn &conn) {
     while (conn.unsent_len > 0) {
         const ssize_t sent =
@@ -118,6 +118,11 @@ void netip_output_ready(netip_conn &conn, uint32_t generation) {
 void netip_send_last_bytes(netip_conn &conn) {
     if (conn.unsent_len > 0)
         (void)send_bytes(conn.fd, g_unsent[netip_index(conn)] + conn.unsent_offset, conn.unsent_len);
+}
+
+void netip_forget_unsent() {
+    (void)madvise(g_unsent, sizeof g_unsent,
+                  MADV_DONTNEED);  // whatever stays is overwritten before it is read
 }
 
 void netip_register_send_ready_cb(netip_send_ready_cb) {}

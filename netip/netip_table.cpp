@@ -10,15 +10,8 @@
 
 namespace zeb {
 
-namespace {
-
-constexpr std::size_t k_page = 4096;
-
-}  // namespace
-
-// Page-aligned so that netip_table_clear can drop its pages. All zero: it costs memory per slot ever used
-// only.
-alignas(k_page) constinit netip_conn g_netip_clients[NETIP_MAX_CONN] = {};
+// Page-aligned so that netip_table_clear can drop its pages. All zero: a slot costs memory once it is used.
+alignas(NETIP_PAGE) constinit netip_conn g_netip_clients[NETIP_MAX_CONN] = {};
 constinit std::mutex g_netip_lock;
 uint32_t g_last_handle = 0;
 
@@ -26,8 +19,7 @@ namespace {
 
 uint32_t g_table_used = 0;  // guarded by g_netip_lock
 
-// Acquire pairs with the release that frees a slot: whoever sees in_use 0 also sees that the slot is still
-// closing.
+// Acquire pairs with the release that frees a slot: whoever sees in_use 0 also sees whether it is closing.
 bool slot_is_free(const netip_conn &conn) {
     return conn.in_use.load(std::memory_order_acquire) == 0 &&
            conn.closing.load(std::memory_order_acquire) == 0 &&
@@ -54,7 +46,7 @@ bool set_option(int fd, int level, int option, int value) {
 // Giving the pages back to the kernel zeroes 45 MB without touching them, so an idle broker stays small.
 void netip_table_clear() {
     std::lock_guard guard(g_netip_lock);
-    constexpr std::size_t whole_pages = sizeof g_netip_clients / k_page * k_page;
+    constexpr std::size_t whole_pages = sizeof g_netip_clients / NETIP_PAGE * NETIP_PAGE;
     constexpr std::size_t first_left = whole_pages / sizeof(netip_conn);
     if (madvise(g_netip_clients, whole_pages, MADV_DONTNEED) == 0)
         for (std::size_t i = first_left; i < NETIP_MAX_CONN; ++i) clear_slot(g_netip_clients[i]);

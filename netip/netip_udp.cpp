@@ -15,8 +15,7 @@ struct udp_peer {
 };
 
 // All peers close together, so that finding one does not walk a table of 4 KiB slots. Guarded by
-// g_netip_lock. netip_close does not take that lock; the entries of closed peers stay until somebody comes
-// across them.
+// g_netip_lock, which netip_close does not take: entries of closed peers stay until somebody meets them.
 udp_peer g_udp_peers[NETIP_MAX_CONN];
 uint32_t g_udp_peer_count = 0;
 
@@ -43,8 +42,7 @@ void drop_stale_peers() {
 }
 
 const udp_peer *add_peer(const sockaddr_in &from) {
-    // Live entries have a slot each, and one slot has to be free for the new one: dropping makes room if any
-    // can.
+    // Every live entry has a slot, so unless all slots are taken this makes room.
     if (g_udp_peer_count == NETIP_MAX_CONN) drop_stale_peers();
     if (g_udp_peer_count == NETIP_MAX_CONN) return nullptr;
     uint32_t generation = 0;

@@ -169,6 +169,34 @@ TEST_F(netip_reassembly, a_flood_does_not_keep_other_connections_waiting) {
     flood.join();
 }
 
+TEST(netip_fairness, a_burst_of_tiny_packets_lets_others_in_between) {
+    constexpr size_t k_burst = 20000;
+    std::atomic<bool> go_on{false};
+    recorder events([&](const event &e) {
+        if (e.data == hex("D0 00")) {
+            EXPECT_TRUE(eventually([&] { return go_on.load(); }));
+        }
+        return 1;
+    });
+    running_netip netip(events);
+    tcp_client busy;
+    ASSERT_TRUE(events.wait_connects(1));
+    tcp_client other;
+    ASSERT_TRUE(events.wait_connects(2));
+    ASSERT_TRUE(busy.send("D0 00"));  // holds the I/O thread until both have sent everything
+    ASSERT_TRUE(events.wait_data(1));
+    bytes burst;
+    for (size_t i = 0; i < k_burst; ++i) burst.insert(burst.end(), k_ping.begin(), k_ping.end());
+    ASSERT_TRUE(busy.send(burst));
+    ASSERT_TRUE(other.send(k_ping));
+    go_on = true;
+    ASSERT_TRUE(events.wait_data(k_burst + 2));
+    const std::vector<event> data = events.events(NETIP_EVENT_DATA);
+    size_t position = 0;
+    while (data[position].handle != 1) ++position;
+    EXPECT_LE(position, 4096u);
+}
+
 TEST(netip_log, a_packet_writes_its_length_and_at_debug_its_bytes) {
     recorder events;
     log_capture log(AGENT_LOG_DEBUG);

@@ -122,6 +122,20 @@ TEST_F(netip_sending, bytes_left_over_from_a_closed_connection_reach_nobody_else
     EXPECT_EQ(hex("D0 00"), next.read(2));
 }
 
+TEST_F(netip_sending, a_socket_that_left_epoll_is_never_called_blocked) {
+    events.set_hook([](const event &e) { return e.kind == NETIP_EVENT_DISCONNECT ? 0 : 1; });
+    (void)fill();
+    EXPECT_TRUE(netip_send_blocked(0));
+    ASSERT_EQ(0,
+              shutdown(client.fd(), SHUT_WR));  // the broker hears the end, and its handler keeps the socket
+    ASSERT_TRUE(events.wait_disconnects(1));
+    ASSERT_TRUE(eventually([] { return g_netip_clients[0].io_busy.load() == 0; }));
+    EXPECT_FALSE(netip_send_blocked(0));
+    EXPECT_TRUE(is_in_use(0));
+    (void)fill();
+    EXPECT_FALSE(netip_send_blocked(0));
+}
+
 TEST_F(netip_sending, sending_to_a_peer_that_reset_fails_without_a_signal) {
     client.reset();
     EXPECT_TRUE(eventually([&] { return send(hex("D0 00")) == NETIP_ERR_PARAM; }));

@@ -69,8 +69,7 @@ TEST(netip_threads, sends_of_several_threads_never_mix_their_packets) {
 }
 
 TEST(netip_threads, connections_that_come_and_go_under_fire_are_reported_once_each) {
-    // Everything at once: clients that connect, talk and leave; threads that send to, ask about and close any
-    // handle.
+    // Everything at once: clients come, talk and leave while threads send to, ask about and close any handle.
     constexpr uint32_t k_handles = 16;
     constexpr size_t k_lives = 300;
     recorder events([](const event &e) {
