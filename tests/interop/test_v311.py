@@ -143,8 +143,9 @@ def test_mosquitto_unsubscribes(broker, keep):
     assert any(b"received UNSUBACK" in line for line in client.output), client.output
 
 
+@pytest.mark.host("--max-clients", "1000")
 def test_keep_alive_pings_hold_the_connection(broker, keep):
-    """Three times the period passes in silence but for the pings; the silent one beside them is closed."""
+    """Three times the period passes in silence but for the pings, and the search for silent clients with it."""
     clients = [keep(PahoPython("python", keepalive=4).connect()), keep(MqttJs("js", keepalive=4).connect())]
     tool = keep(Mosquitto.subscriber(broker, "mosquitto", ["t"]))
     for client in clients:
