@@ -69,12 +69,12 @@ jobs=$(nproc)
 
 for preset in "${presets[@]}"; do
     case $preset in
-    release | debug) labels=() ;;
-    asan) labels=(-L '^(unit|wire)$') ;;
-    tsan) labels=(-L '^concurrency$') ;;
+    release | debug) labels=() target=all ;;
+    asan) labels=(-L '^(unit|wire)$') target=all ;;
+    tsan) labels=(-L '^concurrency$') target=zeb_concurrency_tests ;;
     esac
     echo "== $preset"
     cmake --preset "$preset" -DZEB_BUILD_TESTS=ON ${launcher[@]+"${launcher[@]}"} >/dev/null
-    cmake --build --preset "$preset" -j "$jobs"
+    cmake --build --preset "$preset" -j "$jobs" --target "$target"
     ctest --test-dir "build/$preset" -j 2 --output-on-failure --no-tests=error ${labels[@]+"${labels[@]}"}
 done
