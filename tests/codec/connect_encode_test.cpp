@@ -42,7 +42,7 @@ class connect_encode : public quiet_codec_test {};
 
 TEST_F(connect_encode, good_records) {
     run({
-        {"level 4, identifier only", 4, small_client, 0, "10 0D 00 04 'MQTT' 04 00 00 3C 00 01 'c'", {}},
+        {"level 4, identifier only", 4, small_client, 0, "10 0D 00 04 'MQTT' 04 00 00 3C 00 01 'c'", {}, 128},
         {"level 4, everything",
          4,
          [](mqtt_connect_para &p) {
