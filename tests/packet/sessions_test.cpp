@@ -1,5 +1,5 @@
 // What the packet handler asks of stored sessions and of reliable delivery.
-#include "tests/packet/store_double.h"
+#include "tests/packet/packet_fixture.h"
 
 namespace {
 
@@ -8,9 +8,6 @@ using zeb::mqtt_client;
 
 class packet_sessions : public packet_fixture {
   protected:
-    packet_sessions() { store() = store_double(); }
-    ~packet_sessions() override { store() = store_double(); }
-
     mqtt_client *kept(std::string_view id, int level = 4) {
         mqtt_client *client = join(id, level, false);
         (void)calls();
