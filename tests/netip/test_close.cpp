@@ -232,10 +232,12 @@ TEST(netip_close, an_event_left_over_for_a_closed_connection_spares_its_successo
     EXPECT_EQ(std::vector<uint32_t>{2}, reasons(events));
 }
 
-TEST(netip_close, the_last_packet_survives_input_that_nobody_read) {
+TEST(netip_close, input_that_nobody_read_does_not_reset_the_peer) {
     const bytes answer = hex("20 02 00 05");
+    std::atomic<bool> all_is_sent{false};
     recorder events([&](const event &e) {
         if (e.kind != NETIP_EVENT_DATA) return 1;
+        EXPECT_TRUE(eventually([&] { return all_is_sent.load(); }));
         EXPECT_EQ(NETIP_OK, netip_send(e.handle, answer.data(), static_cast<int>(answer.size())));
         netip_close(e.handle);
         return 1;
@@ -243,6 +245,13 @@ TEST(netip_close, the_last_packet_survives_input_that_nobody_read) {
     running_netip netip(events);
     tcp_client client;
     ASSERT_TRUE(client.send(k_ping + bytes(20000, 0)));
+    all_is_sent = true;
     EXPECT_EQ(answer, client.read(4));
     EXPECT_TRUE(client.at_end());
+    ASSERT_TRUE(eventually([] { return !is_in_use(0) && g_netip_clients[0].closing.load() == 0; }));
+    // A reset would have ended the client's side as well.
+    tcp_info info{};
+    socklen_t len = sizeof info;
+    ASSERT_EQ(0, getsockopt(client.fd(), IPPROTO_TCP, TCP_INFO, &info, &len));
+    EXPECT_EQ(TCP_CLOSE_WAIT, info.tcpi_state);
 }
