@@ -57,11 +57,14 @@ void close_connection(const mqtt_client *client) {
 // connection carries the same identifier.
 void leave(mqtt_client *client, const char *id, bool was_logined) {
     client_enter_closing(client);
-    client_clear_slots(client);
+    client_clear_cid_slot(client);
     if (was_logined && client->clean_session.load(std::memory_order_relaxed) != 0 &&
         client->subs_settled.exchange(1, std::memory_order_relaxed) == 0 && !client_acquire_by_cid(id))
         sub_remove(id, nullptr);
     close_connection(client);
+    // Not before the network has let go: a packet that its I/O thread is just delivering would otherwise find
+    // no client and make a new one, which nobody would ever close.
+    client_clear_handle_slot(client);
 }
 
 // The record stays, CLOSING, until the will-delay scan has finished with it.

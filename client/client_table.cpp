@@ -178,14 +178,25 @@ void client_set_cid(mqtt_client *client, const char *cid) {
             client->handle.load(std::memory_order_relaxed), id);
 }
 
+namespace {
+
+// Out of the network layer's hands: the handle may be another connection's before the slot is cleared.
+bool has_left(const mqtt_client *client, uint32_t state) {
+    return state == CLOSING && client->connection.load(std::memory_order_relaxed) !=
+                                   client_connection_of(client->handle.load(std::memory_order_relaxed));
+}
+
+}  // namespace
+
 client_ref client_acquire_by_handle(netip_handle handle) {
     client_ref held;  // let go after the lock
     std::lock_guard lock(client_handle_lock(handle));
     mqtt_client *client = g_client_mgr.by_handle[handle % CLIENT_MAX].load(std::memory_order_acquire);
     if (client == nullptr || !client_try_pin(client)) return {};
     held.adopt(client);
-    if (client->state.load(std::memory_order_acquire) == CLOSED ||
-        client->handle.load(std::memory_order_relaxed) != handle)
+    const uint32_t state = client->state.load(std::memory_order_acquire);
+    if (state == CLOSED || client->handle.load(std::memory_order_relaxed) != handle ||
+        has_left(client, state))
         return {};
     return held;
 }
@@ -210,13 +221,14 @@ mqtt_client *client_find_by_cid(const char *cid) {
     return client_acquire_by_cid(cid).get();
 }
 
-void client_clear_slots(mqtt_client *client) {
+void client_clear_handle_slot(mqtt_client *client) {
     const uint32_t handle = client->handle.load(std::memory_order_relaxed);
-    {
-        mqtt_client *expected = client;
-        std::lock_guard lock(client_handle_lock(handle));
-        g_client_mgr.by_handle[handle % CLIENT_MAX].compare_exchange_strong(expected, nullptr);
-    }
+    mqtt_client *expected = client;
+    std::lock_guard lock(client_handle_lock(handle));
+    g_client_mgr.by_handle[handle % CLIENT_MAX].compare_exchange_strong(expected, nullptr);
+}
+
+void client_clear_cid_slot(mqtt_client *client) {
     char id[65];
     client_copy_id(client, id);
     if (id[0] == '\0') return;

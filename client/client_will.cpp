@@ -101,7 +101,8 @@ void client_set_will_enhance(mqtt_client *client, uint32_t will_delay_sec, uint3
 
 // The end of a record that waited for its will. `closing` makes sure that only one thread gets here.
 void client_finish_will(mqtt_client *client) {
-    client_clear_slots(client);
+    client_clear_handle_slot(client);
+    client_clear_cid_slot(client);
     client->will_counted.store(0, std::memory_order_relaxed);
     g_will_delay_client_count.fetch_sub(1, std::memory_order_relaxed);
     client->state.store(CLOSED, std::memory_order_relaxed);
