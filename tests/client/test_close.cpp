@@ -62,6 +62,53 @@ TEST_F(client_close, the_connection_ends_with_its_client) {
     EXPECT_FALSE(zeb_test::is_in_use(handle));
 }
 
+TEST_F(client_close, the_handle_keeps_its_client_until_the_network_has_let_go) {
+    mqtt_client *in_slot = nullptr;
+    bool let_go = false;
+    events.set_hook([&](const zeb_test::event &e) {
+        if (e.kind == zeb::NETIP_EVENT_DISCONNECT) {
+            in_slot = g_client_mgr.by_handle[e.handle];
+            let_go = !zeb_test::is_in_use(e.handle);
+        }
+        return 1;
+    });
+    const running_netip net(events);
+    tcp_client peer;
+    ASSERT_TRUE(events.wait_connects(1));
+    const uint32_t handle = events.events(zeb::NETIP_EVENT_CONNECT)[0].handle;
+    mqtt_client *const client = create(handle, "c");
+    zeb::client_close(client);
+    EXPECT_EQ(in_slot, client);
+    EXPECT_TRUE(let_go);
+    EXPECT_EQ(g_client_mgr.by_handle[handle], nullptr);
+}
+
+TEST_F(client_close, a_closing_client_is_not_taken_for_the_next_connection_of_its_handle) {
+    const running_netip net(events);
+    tcp_client peer;
+    ASSERT_TRUE(events.wait_connects(1));
+    const uint32_t handle = events.events(zeb::NETIP_EVENT_CONNECT)[0].handle;
+    mqtt_client *const client = create(handle, "c");
+    zeb::client_enter_closing(client);
+    EXPECT_EQ(zeb::client_find_by_handle(handle), client) << "packets under way are still its own";
+    zeb::netip_close(handle);
+    EXPECT_EQ(zeb::client_find_by_handle(handle), nullptr);
+}
+
+TEST_F(client_close, the_network_finds_the_client_of_a_connection_that_it_ends_itself) {
+    mqtt_client *found = nullptr;
+    events.set_hook([&](const zeb_test::event &e) {
+        if (e.kind == zeb::NETIP_EVENT_DISCONNECT) found = zeb::client_find_by_handle(e.handle);
+        return 1;
+    });
+    const running_netip net(events);
+    tcp_client peer;
+    ASSERT_TRUE(events.wait_connects(1));
+    mqtt_client *const client = create(events.events(zeb::NETIP_EVENT_CONNECT)[0].handle, "c");
+    zeb::netip_deinit();
+    EXPECT_EQ(found, client) << "its will depends on it";
+}
+
 TEST_F(client_close, an_older_connection_leaves_its_successors_slots_alone) {
     mqtt_client *const older = create(5, "same");
     mqtt_client *const newer = create(11005, "same");
