@@ -5,6 +5,7 @@
 #include "log/agent_log.h"
 #include "log/platform_time.h"
 #include "packet/packet_handler.h"
+#include "qos/qos_reliable.h"
 #include "stats/mqtt_stats.h"
 
 namespace zeb {
@@ -57,6 +58,8 @@ void close_connection(const mqtt_client *client) {
 // connection carries the same identifier.
 void leave(mqtt_client *client, const char *id, bool was_logined) {
     client_enter_closing(client);
+    qos_reliable_drop_client(
+        client);  // a delayed will may keep the record for long, and nothing more is sent
     client_clear_cid_slot(client);
     if (was_logined && client->clean_session.load(std::memory_order_relaxed) != 0 &&
         client->subs_settled.exchange(1, std::memory_order_relaxed) == 0 && !client_acquire_by_cid(id))

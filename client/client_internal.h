@@ -8,10 +8,10 @@
 
 // What the client manager's own files share.
 //
-// Lock order: a striped lock (g_client_mgr.locks), a record's send_lock, will_lock and session_lock and the
-// pool lock are all leaves towards each other: nobody holds two of them. A record's id_lock is the innermost:
-// it may be taken under any of them. The QoS list's mutex may be held while send_lock is taken, never the
-// other way round.
+// Lock order: a striped lock (g_client_mgr.locks), the pool lock and a record's send_lock are leaves towards
+// each other: nobody holds two of them. session_lock may be held while the record's will_lock is taken or its
+// files are read and written, never the other way round. A record's id_lock is the innermost: it may be taken
+// under any of them. The QoS list's mutex may be held while send_lock is taken, never the other way round.
 namespace zeb {
 
 // life: bit 31 the record serves a connection, bit 30 its release was asked for, below them the pins.

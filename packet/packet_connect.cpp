@@ -36,14 +36,26 @@ int send_connack(mqtt_client *client, const mqtt_connack_para &connack) {
     return 0;
 }
 
-// The answer must have left before the close: nothing is flushed once the client is closing.
+// The answer must have left before the close: nothing is flushed once the client is closing. Its limits are those
+// in force; with a zero in their place real clients report a protocol error and not the refusal.
 void refuse(mqtt_client *client) {
     mqtt_connack_para connack{};
     connack.reason_code = k_reason_bad_credentials;
     connack.receive_maximum = k_receive_maximum;
+    connack.maximum_packet_size = client->max_packet_size.load(std::memory_order_relaxed);
     send_connack(client, connack);
     packet_flush_before_close(client);
     client_close(client);
+}
+
+// A second CONNECT may change the identifier. What the connection subscribed to in a clean session of the old
+// one ends with that name, or it would stay in the table for ever.
+void rename(mqtt_client *client, const char *cid, bool was_clean) {
+    char old[65];
+    client_copy_id(client, old);
+    client_set_cid(client, cid);
+    if (!was_clean || old[0] == '\0' || strcmp(old, client->client_id) == 0) return;
+    if (!client_acquire_by_cid(old)) sub_remove(old, nullptr);
 }
 
 void negotiate_session_expiry(mqtt_client *client, const mqtt_connect_para &connect) {
@@ -210,9 +222,10 @@ void packet_on_connect(mqtt_client *client, const uint8_t *data, int len) {
         refuse(client);
         return;
     }
-    client->clean_session.store(connect.clean_start, std::memory_order_relaxed);
+    const bool was_clean =
+        client->clean_session.exchange(connect.clean_start, std::memory_order_relaxed) != 0;
     client_set_keepalive(client, connect.keep_alive);
-    client_set_cid(client, connect.client_id);
+    rename(client, connect.client_id, was_clean);
     // Unless another thread has closed it meanwhile: a closed record never comes back to life.
     uint32_t online = CONNECTED;
     client->state.compare_exchange_strong(online, LOGINED, std::memory_order_relaxed);

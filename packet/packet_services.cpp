@@ -47,7 +47,7 @@ void deliver(publication_encoder *encoder, mqtt_client *subscriber, uint32_t qos
     if (encoder->encode(subscriber, qos, msg_id) == MQTT_CODEC_OK)
         client_send(subscriber, encoder->data(), encoder->len());
     const mqtt_publish_para &record = encoder->record();
-    if (qos != 0)
+    if (qos != 0 && msg_id != 0)  // identifier 0 could be neither sent again nor acknowledged
         qos_reliable_add_packet(subscriber, msg_id, static_cast<uint8_t>(qos), &record, record.payload,
                                 record.payload_len);
 }

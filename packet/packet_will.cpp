@@ -46,6 +46,7 @@ bool publish(mqtt_client *client, const mqtt_publish_para &will) {
 void record_sent(mqtt_client *client) {
     std::lock_guard lock(client->session_lock);
     client->session.will_flag = 0;
+    ZEB_LOG(AGENT_LOG_INFO, "[WILL] 广播完成 | will_sent=%d", 1);
     if (client->clean_session.load(std::memory_order_relaxed) == 0)
         persist_mark(&client->session, PERSIST_SUBS);
 }
@@ -75,7 +76,6 @@ int packet_send_will_message(mqtt_client *client) {
     mqtt_stats_inc_will_sent();
     broker_fire_event(client, MQTT_BROKER_EVENT_WILL, will.topic, static_cast<int>(will.qos));
     record_sent(client);
-    ZEB_LOG(AGENT_LOG_INFO, "[WILL] 广播完成 | will_sent=%d", 1);
     return 0;
 }
 

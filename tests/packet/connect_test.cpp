@@ -142,6 +142,22 @@ TEST_F(packet_connect, a_second_connect_repeats_everything) {
     EXPECT_EQ(512u, client->max_packet_size.load());
 }
 
+TEST_F(packet_connect, a_second_connect_under_another_name_takes_the_clean_sessions_subscriptions_along) {
+    mqtt_client *client = join("first");
+    subscribe(client, "a", 0);
+    give(client, connect_packet("second"));
+    EXPECT_EQ(0, live_subscriptions("first"));
+    EXPECT_STREQ("second", client->client_id);
+}
+
+TEST_F(packet_connect, a_second_connect_under_another_name_leaves_a_newer_holder_of_the_old_name_alone) {
+    mqtt_client *client = join("first");
+    mqtt_client *newer = join("first");
+    subscribe(newer, "a", 0);
+    give(client, connect_packet("second"));
+    EXPECT_EQ(1, live_subscriptions("first"));
+}
+
 TEST_F(packet_connect, refused_credentials_are_answered_and_end_the_connection) {
     app().refused_user = "eve";
     connect_options o = v5();
@@ -150,7 +166,7 @@ TEST_F(packet_connect, refused_credentials_are_answered_and_end_the_connection) 
     mqtt_client *client = open();
     log_capture log;
     give(client, connect_packet("e", o));
-    EXPECT_EQ(just("20 0B 00 86 08 21 FF FF 27 00 00 00 00"), sent(client));
+    EXPECT_EQ(just("20 0B 00 86 08 21 FF FF 27 00 00 10 00"), sent(client));
     EXPECT_FALSE(is_open(client));
     EXPECT_STREQ("", client->client_id);
     EXPECT_EQ(nullptr, zeb::client_find_by_cid("e"));

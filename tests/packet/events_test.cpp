@@ -223,7 +223,7 @@ TEST_F(packet_events, a_refused_client_reads_its_connack_before_the_end) {
     o.user = "eve";
     data(c, connect_packet("e", o));
     EXPECT_TRUE(c.is_closed());
-    EXPECT_EQ("20 0B 00 86 08 21 FF FF 27 00 00 00 00", c.received());
+    EXPECT_EQ("20 0B 00 86 08 21 FF FF 27 00 00 10 00", c.received());
     EXPECT_EQ("", c.received());
     EXPECT_EQ(0u, slept_us());  // it left at once, so that nobody had to wait
 }
