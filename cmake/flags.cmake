@@ -16,3 +16,8 @@ endif()
 # The library throws nothing and asks nobody's run-time type.
 add_library(zeb_library_flags INTERFACE)
 target_compile_options(zeb_library_flags INTERFACE -fno-exceptions -fno-rtti -fno-semantic-interposition)
+
+# The library's own branches have to be visible to the fuzzers.
+if(ZEB_BUILD_FUZZERS)
+    target_compile_options(zeb_library_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
