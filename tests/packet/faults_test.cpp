@@ -24,28 +24,29 @@ void *__wrap_realloc(void *p, size_t size) {
 }
 }
 
-void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+// Not inlined, or GCC compares the two ends of an allocation and sees malloc meet delete.
+[[gnu::noinline]] void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
     return g_new_fails ? nullptr : __real_malloc(size == 0 ? 1 : size);
 }
-void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
+[[gnu::noinline]] void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
     return g_new_fails ? nullptr : __real_malloc(size == 0 ? 1 : size);
 }
-void *operator new(std::size_t size) {
+[[gnu::noinline]] void *operator new(std::size_t size) {
     return __real_malloc(size == 0 ? 1 : size);
 }
-void *operator new[](std::size_t size) {
+[[gnu::noinline]] void *operator new[](std::size_t size) {
     return __real_malloc(size == 0 ? 1 : size);
 }
-void operator delete(void *p) noexcept {
+[[gnu::noinline]] void operator delete(void *p) noexcept {
     free(p);
 }
-void operator delete[](void *p) noexcept {
+[[gnu::noinline]] void operator delete[](void *p) noexcept {
     free(p);
 }
-void operator delete(void *p, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void *p, std::size_t) noexcept {
     free(p);
 }
-void operator delete[](void *p, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete[](void *p, std::size_t) noexcept {
     free(p);
 }
 
