@@ -48,9 +48,8 @@ bool will_is_due(const mqtt_client *client, const char *id) {
 // The peer may have gone first, or the record be closed a second time: the handle is then free or another
 // client's already.
 void close_connection(const mqtt_client *client) {
-    const uint32_t handle = client->handle.load(std::memory_order_relaxed);
-    if (client_connection_of(handle) == client->connection.load(std::memory_order_relaxed))
-        netip_close(handle);
+    netip_close_connection(client->handle.load(std::memory_order_relaxed),
+                           client->connection.load(std::memory_order_relaxed));
 }
 
 // Out of the tables and off the network. Kick, time-out and an over-size packet end here without the packet
@@ -74,8 +73,7 @@ void leave(mqtt_client *client, const char *id, bool was_logined) {
 void enter_will_delay(mqtt_client *client, const char *id, bool was_logined) {
     ZEB_LOG(AGENT_LOG_WARN, "[WILL-ENTER] 客户端进入遗嘱延迟: %s, will_delay_sec=%u", id,
             client->will_delay_sec.load(std::memory_order_relaxed));
-    if (client->will_counted.exchange(1, std::memory_order_relaxed) == 0)
-        g_will_delay_client_count.fetch_add(1, std::memory_order_relaxed);
+    client_count_will(client);
     packet_start_will_delay(client);
     leave(client, id, was_logined);
     ZEB_LOG(AGENT_LOG_DEBUG, "[遗嘱调试][延迟释放客户端] ClientID=%s，等待遗嘱发送完成后再释放", id);
@@ -84,8 +82,7 @@ void enter_will_delay(mqtt_client *client, const char *id, bool was_logined) {
 void close_normally(mqtt_client *client, const char *id, bool was_logined) {
     ZEB_LOG(AGENT_LOG_WARN, "[FREE-NORMAL] 客户端正常关闭: %s", id);
     leave(client, id, was_logined);
-    if (client->will_counted.exchange(0, std::memory_order_relaxed) != 0)
-        g_will_delay_client_count.fetch_sub(1, std::memory_order_relaxed);
+    if (client_uncount_will(client)) g_will_delay_client_count.fetch_sub(1, std::memory_order_relaxed);
     if (client->in_use.load(std::memory_order_relaxed) != 0) client_pool_release(client);
     ZEB_LOG(AGENT_LOG_DEBUG, "[遗嘱调试][客户端关闭完成] ClientID=%s, 状态改为CLOSED", id);
 }

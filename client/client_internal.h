@@ -49,16 +49,24 @@ void client_mark_queued(mqtt_client *client);
 
 void client_finish_will(mqtt_client *client);
 
+// Mark a record as one that g_will_delay_client_count includes; take the mark back (false: it had none, and
+// the count is left to the caller).
+void client_count_will(mqtt_client *client);
+bool client_uncount_will(mqtt_client *client);
+
 // Calls visit(record) for each allocated record, blocks and slots in order.
+template <typename Visit>
+void client_for_each_used_in(int block, Visit visit) {
+    if (g_client_mgr.blocks[block].used.load(std::memory_order_relaxed) == 0) return;
+    for (int i = 0; i < CLIENT_POOL_SIZE; ++i) {
+        if (mqtt_client *client = client_pool_used_record(block, i)) visit(client);
+    }
+}
+
 template <typename Visit>
 void client_for_each_used(Visit visit) {
     const int blocks = g_client_mgr.block_count.load(std::memory_order_acquire);
-    for (int b = 0; b < blocks; ++b) {
-        if (g_client_mgr.blocks[b].used.load(std::memory_order_relaxed) == 0) continue;
-        for (int i = 0; i < CLIENT_POOL_SIZE; ++i) {
-            if (mqtt_client *client = client_pool_used_record(b, i)) visit(client);
-        }
-    }
+    for (int b = 0; b < blocks; ++b) client_for_each_used_in(b, visit);
 }
 
 }  // namespace zeb

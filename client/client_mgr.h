@@ -96,6 +96,7 @@ struct client_pool_block {
     int32_t capacity;                 // always CLIENT_POOL_SIZE
     uint8_t born[CLIENT_POOL_SIZE];   // 1 once the record was used and its mutexes exist
     std::atomic<uint64_t> queued[2];  // a bit per record with packets for the send thread
+    std::atomic<int32_t> wills;       // records whose will_counted is set
 };
 
 struct client_manager {
@@ -200,6 +201,8 @@ void client_set_will_enhance(mqtt_client *client, uint32_t will_delay_sec, uint3
                              uint8_t payload_format, const char *content_type, const char *response_topic,
                              const uint8_t *correlation_data, uint32_t correlation_len);
 void client_will_delay_scan();
+// The scan as housekeeping runs it: only over blocks in which a record waits for its will.
+void client_will_delay_pass();
 // A client that is back in time gets no will: cancels what earlier connections of its identifier still have
 // pending. `successor` is the new connection's record.
 void client_cancel_pending_wills(const char *cid, const mqtt_client *successor);

@@ -99,11 +99,36 @@ void client_set_will_enhance(mqtt_client *client, uint32_t will_delay_sec, uint3
             static_cast<int>(will_delay_sec), static_cast<int>(will_expiry_sec));
 }
 
+namespace {
+
+// The number of marked records in a block, so that a pass leaves the other blocks alone.
+std::atomic<int32_t> *waiting_in_block(const mqtt_client *client) {
+    const int32_t index = client->pool_index;
+    if (index < 0 || index >= g_client_mgr.capacity.load(std::memory_order_acquire)) return nullptr;
+    return &g_client_mgr.blocks[index / CLIENT_POOL_SIZE].wills;
+}
+
+}  // namespace
+
+void client_count_will(mqtt_client *client) {
+    if (client->will_counted.exchange(1, std::memory_order_relaxed) != 0) return;
+    if (std::atomic<int32_t> *wills = waiting_in_block(client))
+        wills->fetch_add(1, std::memory_order_relaxed);
+    g_will_delay_client_count.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool client_uncount_will(mqtt_client *client) {
+    if (client->will_counted.exchange(0, std::memory_order_relaxed) == 0) return false;
+    if (std::atomic<int32_t> *wills = waiting_in_block(client))
+        wills->fetch_sub(1, std::memory_order_relaxed);
+    return true;
+}
+
 // The end of a record that waited for its will. `closing` makes sure that only one thread gets here.
 void client_finish_will(mqtt_client *client) {
     client_clear_handle_slot(client);
     client_clear_cid_slot(client);
-    client->will_counted.store(0, std::memory_order_relaxed);
+    (void)client_uncount_will(client);  // a record without the mark still ends one wait
     g_will_delay_client_count.fetch_sub(1, std::memory_order_relaxed);
     client->state.store(CLOSED, std::memory_order_relaxed);
     if (client->in_use.load(std::memory_order_relaxed) != 0) client_pool_release(client);
@@ -167,6 +192,16 @@ void scan_will(mqtt_client *client, uint64_t now) {
 void client_will_delay_scan() {
     const uint64_t now = platform_mono_ms();
     client_for_each_used([now](mqtt_client *client) { scan_will(client, now); });
+}
+
+void client_will_delay_pass() {
+    if (g_will_delay_client_count.load(std::memory_order_relaxed) <= 0) return;
+    const uint64_t now = platform_mono_ms();
+    const int blocks = g_client_mgr.block_count.load(std::memory_order_acquire);
+    for (int b = 0; b < blocks; ++b) {
+        if (g_client_mgr.blocks[b].wills.load(std::memory_order_relaxed) == 0) continue;
+        client_for_each_used_in(b, [now](mqtt_client *client) { scan_will(client, now); });
+    }
 }
 
 void client_cancel_pending_wills(const char *cid, const mqtt_client *successor) {

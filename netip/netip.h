@@ -125,6 +125,9 @@ bool netip_send_blocked(netip_handle h);
 // Free the slot, fire DISCONNECT (reason 2) and, unless that answers 0, close the socket. Anything not in use
 // is ignored, so closing again from inside that DISCONNECT is harmless.
 void netip_close(netip_handle h);
+// As netip_close, but only while the handle still belongs to the connection that had this generation
+// (netip_conn::generation): a handle is given to another connection soon after it was closed.
+void netip_close_connection(netip_handle h, uint32_t generation);
 
 // 1 and the dotted text; 0 and zeros for a handle not in use; 0 and nothing written when size is below 16.
 int netip_get_client_ip(netip_handle h, char *dst, uint32_t size);

@@ -85,18 +85,32 @@ bool netip_in_callback() {
     return t_callback_depth > 0;
 }
 
-void netip_close(netip_handle h) {
+namespace {
+
+// `generation` null: whichever connection has the handle.
+void close_handle(netip_handle h, const uint32_t *generation) {
     if (h >= NETIP_MAX_CONN) return;
     netip_conn &conn = g_netip_clients[h];
     if (conn.in_use.load(std::memory_order_relaxed) == 0) return;
     {
         std::lock_guard guard(conn.lock);
         if (conn.in_use.load(std::memory_order_relaxed) == 0) return;
+        if (generation != nullptr && !netip_is_current(conn, *generation)) return;
         mark_closing(conn);
     }
     const bool close_socket = netip_fire(h, NETIP_EVENT_DISCONNECT, nullptr, 0, NETIP_REASON_CLOSED);
     std::lock_guard guard(conn.lock);
     release_slot(conn, !close_socket);
+}
+
+}  // namespace
+
+void netip_close(netip_handle h) {
+    close_handle(h, nullptr);
+}
+
+void netip_close_connection(netip_handle h, uint32_t generation) {
+    close_handle(h, &generation);
 }
 
 void netip_close_by_peer(netip_conn &conn, uint32_t generation) {

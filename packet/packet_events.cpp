@@ -45,7 +45,8 @@ client_ref create_on_first_packet(uint32_t handle, void *arg) {
         netip_close(handle);
         return {};
     }
-    return client_ref(client);
+    // By the handle again: another thread may have closed the record already.
+    return client_acquire_by_handle(handle);
 }
 
 int on_data(uint32_t handle, const uint8_t *data, uint32_t len, void *arg) {

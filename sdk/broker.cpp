@@ -89,8 +89,10 @@ constexpr int64_t k_stats_period_s = 60;
 constexpr int64_t k_retain_period_s = 5;
 constexpr uint64_t k_pass_us = 10000;
 
+// A clock that was set back makes a task due as well, or it would rest until the old time is reached again.
 bool is_due(const std::atomic<int64_t> &stamp, int64_t period_s) {
-    return platform_wall_sec() - stamp.load(std::memory_order_relaxed) >= period_s;
+    const int64_t since = platform_wall_sec() - stamp.load(std::memory_order_relaxed);
+    return since >= period_s || since < 0;
 }
 
 void mark_done(std::atomic<int64_t> *stamp) {
@@ -111,8 +113,7 @@ void housekeeping_pass(const mqtt_broker_instance *b) {
         retain_clean_expired();
         mark_done(&last_retain_clean);
     }
-    // Nobody waits for a will most of the time: the walk over all records is then left out.
-    if (g_will_delay_client_count.load(std::memory_order_relaxed) > 0) client_will_delay_scan();
+    client_will_delay_pass();
 }
 
 }  // namespace

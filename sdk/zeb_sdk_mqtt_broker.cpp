@@ -1,6 +1,7 @@
 // The public interface: life cycle and configuration.
 #include "sdk/zeb_sdk_mqtt_broker.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 
@@ -71,6 +72,9 @@ void end_housekeeping(mqtt_broker_instance *b) {
     b->broker_thread = 0;
 }
 
+// Whose start has brought the network up; null when it is down. Another instance leaves the modules alone.
+std::atomic<const mqtt_broker_instance *> s_serving{nullptr};
+
 // The modules are singletons: with the network up, for this instance or another one, the port is taken. Found
 // out before the client table is set up anew, which is the live one.
 int start_modules(mqtt_broker_instance *b, int max_clients) {
@@ -115,6 +119,7 @@ int zeb_sdk_mqtt_broker_init(mqtt_broker_instance *b) {
     const agent_log_config log{AGENT_LOG_WARN, AGENT_LOG_OUT_STDOUT | AGENT_LOG_OUT_FILE, 0, 256, nullptr};
     agent_log_init(&log);
     mqtt_stats_init();
+    if (s_serving.load(std::memory_order_relaxed) != nullptr) return MQTT_BROKER_OK;  // the tables are live
     // Initialising cannot fail: a table that could not be had is logged there, and answers as if it were
     // full.
     (void)packet_handler_init();
@@ -139,6 +144,7 @@ int zeb_sdk_mqtt_broker_start(mqtt_broker_instance *b, int port, int max_clients
     }
     const int result = start_modules(b, max_clients);
     if (result != MQTT_BROKER_OK) return result;
+    s_serving.store(b, std::memory_order_relaxed);
     broker_set_running(b, true);
     b->port = port;
     b->max_clients = max_clients;
@@ -162,12 +168,16 @@ int zeb_sdk_mqtt_broker_stop(mqtt_broker_instance *b) {
 
 void zeb_sdk_mqtt_broker_deinit(mqtt_broker_instance *b) {
     if (is_null(b) || refused_in_callback("deinit")) return;
-    end_housekeeping(b);  // it works on the modules that go now
-    netip_deinit();
-    persist_destroy();
-    client_mgr_deinit();
-    mqtt_stats_deinit();
-    agent_log_deinit();
+    const mqtt_broker_instance *serving = s_serving.load(std::memory_order_relaxed);
+    if (serving == nullptr || serving == b) {
+        end_housekeeping(b);  // it works on the modules that go now
+        netip_deinit();
+        persist_destroy();
+        client_mgr_deinit();
+        mqtt_stats_deinit();
+        agent_log_deinit();
+        s_serving.store(nullptr, std::memory_order_relaxed);
+    }
     zeb_sdk_mqtt_broker_register_event_callback(b, nullptr);
     zeb_sdk_mqtt_broker_register_auth_callback(b, nullptr);
     zeb_sdk_mqtt_broker_register_acl_callback(b, nullptr);

@@ -133,6 +133,21 @@ TEST_F(sdk_lifecycle, a_second_instance_cannot_start_beside_the_first) {
     EXPECT_TRUE(peer.is_served());
 }
 
+TEST_F(sdk_lifecycle, a_second_instance_may_come_and_go_whole_beside_the_first) {
+    broker first(10);
+    mqtt_peer peer("c");
+    ASSERT_EQ(zeb::sub_add("c", "kept", 0, 1), 0);
+    mqtt_broker_instance *second = zeb_sdk_mqtt_broker_create();
+    EXPECT_EQ(zeb_sdk_mqtt_broker_init(second), 0);
+    EXPECT_EQ(zeb_sdk_mqtt_broker_start(second, 1883, 10), -3);
+    zeb_sdk_mqtt_broker_deinit(second);
+    zeb_sdk_mqtt_broker_destroy(second);
+    EXPECT_EQ(zeb_sdk_mqtt_broker_is_running(first.get()), 1);
+    EXPECT_EQ(first.ids(), "c");
+    EXPECT_EQ(zeb::sub_get_client_sub_count("c"), 1);
+    EXPECT_TRUE(peer.is_served());
+}
+
 TEST_F(sdk_lifecycle, a_taken_port_fails_and_leaves_nothing_behind) {
     broker b;
     const int blocker = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
