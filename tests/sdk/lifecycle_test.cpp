@@ -2,6 +2,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "sub/sub_mgr.h"
 #include "tests/sdk/sdk_fixture.h"
 
 namespace {
