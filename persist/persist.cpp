@@ -1,20 +1,90 @@
-// Nothing is stored yet: sessions, offline and retained messages live as long as the process.
 #include "persist/persist.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "log/agent_log.h"
+#include "log/platform_memory.h"
+#include "log/platform_time.h"
+#include "persist/persist_client.h"
+#include "persist/persist_file.h"
+#include "persist/persist_internal.h"
+#include "persist/persist_text.h"
 
 namespace zeb {
 
 char g_persist_root_path[512] = "./mqtt_data";
 std::mutex g_persist_mutex;
 
-int persist_init(const char *) {
-    return 0;
+namespace {
+
+// Held while files of clients are read or changed, inside g_persist_mutex where both are taken.
+std::mutex s_client_files;
+// The record in which a queue is changed: 150 KiB are no matter for a stack. Guarded by s_client_files.
+persist_session *s_queue = nullptr;
+
+persist_session *queue_record(const char *client_id) {
+    if (s_queue == nullptr)
+        s_queue = static_cast<persist_session *>(platform_zero_alloc(sizeof(persist_session)));
+    if (s_queue == nullptr)
+        ZEB_LOG(AGENT_LOG_ERROR, "[persist] 内存分配失败");
+    else
+        persist_reset(s_queue, client_id);
+    return s_queue;
 }
 
-void persist_destroy() {}
+bool load_queue(persist_session *rec) {
+    if (persist_load_files(rec, queue_extent::whole).queue_known) return true;
+    ZEB_LOG(AGENT_LOG_ERROR, "[persist] offline messages unknown, left as they are: %s", rec->client_id);
+    return false;
+}
 
-void persist_flush() {}
+uint16_t draw_msgid() {
+    constexpr int k_highest_msgid = 65535;
+    return static_cast<uint16_t>(std::rand() % k_highest_msgid + 1);
+}
 
-void persist_mark(persist_session *, int) {}
+bool holds_msgid(const persist_session &rec, uint16_t msgid) {
+    return std::any_of(rec.msgs, rec.msgs + rec.msg_count,
+                       [&](const persist_msg &msg) { return msg.msgid == msgid; });
+}
+
+void fill_msg(persist_msg *msg, const char *topic, const uint8_t *payload, int len, int qos) {
+    msg->qos = static_cast<uint8_t>(qos);
+    msg->msgid = draw_msgid();
+    text_writer(msg->topic, sizeof msg->topic).add(topic);
+    msg->payload_len = static_cast<uint32_t>(std::min(len, PERSIST_MAX_PAYLOAD));
+    std::memcpy(msg->payload, payload, msg->payload_len);
+    msg->stored_at = platform_wall_sec();
+}
+
+void drop_oldest(persist_session *rec) {
+    ZEB_LOG(AGENT_LOG_WARN, "[persist][定位] 离线消息溢出，丢弃最早一条: %s", rec->client_id);
+    --rec->msg_count;
+    std::memmove(&rec->msgs[0], &rec->msgs[1],
+                 static_cast<std::size_t>(rec->msg_count) * sizeof(persist_msg));
+}
+
+}  // namespace
+
+void persist_set_root(const char *root) {
+    const std::lock_guard guard(g_persist_mutex);
+    const std::lock_guard files(s_client_files);
+    text_writer(g_persist_root_path, sizeof g_persist_root_path).add(root);
+}
+
+void persist_release_queue() {
+    const std::lock_guard files(s_client_files);
+    platform_zero_free(s_queue, sizeof(persist_session));
+    s_queue = nullptr;
+}
+
+void persist_mark(persist_session *rec, int kinds) {
+    if (rec == nullptr || rec->client_id[0] == '\0' || rec->clean_session != 0) return;
+    const std::lock_guard files(s_client_files);
+    persist_flush_single(rec, kinds);
+}
 
 int persist_load(persist_session *rec) {
     bool found = false;
@@ -23,16 +93,62 @@ int persist_load(persist_session *rec) {
 
 int persist_load_found(persist_session *rec, bool *found) {
     *found = false;
-    return rec == nullptr || rec->client_id[0] == '\0' ? -1 : 0;
+    if (rec == nullptr || rec->client_id[0] == '\0') return -1;
+    const std::lock_guard guard(g_persist_mutex);
+    const std::lock_guard files(s_client_files);
+    *found = persist_load_files(rec, queue_extent::client).found;
+    return 0;
+}
+
+int persist_load_client_only(persist_session *rec) {
+    if (rec == nullptr || rec->client_id[0] == '\0') return -1;
+    char path[PERSIST_PATH_SIZE];
+    const std::lock_guard files(s_client_files);
+    if (!persist_client_path(persist_dir::subscription, persist_field(rec->client_id), path)) return -4;
+    file_text file;
+    file.read(path, 0);
+    if (!file.opened()) return -4;
+    rec->clean_session = 0;
+    return 0;
 }
 
 int persist_remove(const char *client_id) {
-    return client_id == nullptr ? -1 : 0;
+    if (client_id == nullptr) return -1;
+    const std::lock_guard guard(g_persist_mutex);
+    const std::lock_guard files(s_client_files);
+    persist_remove_files(client_id);
+    return 0;
 }
 
-void persist_add_offline_msg(const char *, const char *, const uint8_t *, int, int) {}
+void persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int len,
+                             int qos) {
+    if (client_id == nullptr || *client_id == '\0' || topic == nullptr || payload == nullptr || len <= 0)
+        return;
+    persist_msg msg;
+    fill_msg(&msg, topic, payload, len, qos);
+    if (!persist_msg_reads_back(client_id, msg)) return;
+    const std::lock_guard guard(g_persist_mutex);
+    const std::lock_guard files(s_client_files);
+    persist_session *rec = queue_record(client_id);
+    if (rec == nullptr || !load_queue(rec)) return;
+    // An unseeded generator repeats itself after a restart, and one acknowledgement would serve two messages.
+    while (holds_msgid(*rec, msg.msgid)) msg.msgid = draw_msgid();
+    if (rec->msg_count >= PERSIST_MAX_MSGS) drop_oldest(rec);
+    rec->msgs[rec->msg_count++] = msg;
+    persist_flush_single(rec, PERSIST_MSGS);
+}
 
-int persist_retain_save() {
+int persist_remove_offline_msg(const char *client_id, uint16_t msgid) {
+    if (client_id == nullptr || *client_id == '\0' || msgid == 0) return -1;
+    const std::lock_guard guard(g_persist_mutex);
+    const std::lock_guard files(s_client_files);
+    persist_session *rec = queue_record(client_id);
+    if (rec == nullptr || !load_queue(rec)) return -4;
+    persist_msg *const end = rec->msgs + rec->msg_count;
+    persist_msg *const kept =
+        std::remove_if(rec->msgs, end, [&](const persist_msg &msg) { return msg.msgid == msgid; });
+    rec->msg_count = static_cast<int>(kept - rec->msgs);
+    persist_flush_single(rec, PERSIST_MSGS);
     return 0;
 }
 

@@ -3,6 +3,15 @@
 #include <cstdint>
 #include <mutex>
 
+// What survives the process: up to three small text files per client and the retained messages in one binary
+// file; docs/persistence.md shows them. Everything is written at once, on the calling
+// thread. Any thread may call anything here.
+//
+// Locks: g_persist_mutex, then the module's own lock over the clients' files, then g_sub_mgr.lock for the
+// copy of the retained store. Nobody calls persist_* with g_sub_mgr.lock held. Reading and changing a
+// client's files exclude each other, so that nobody meets a file between its removal and its replacement, and
+// of two changes of one queue none is lost. persist_flush_single and persist_safe_write take no lock.
+
 namespace zeb {
 
 // Kinds of files, a bit set.

@@ -1,12 +1,15 @@
 #include "sub/retain_store.h"
+#include "persist/persist.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "persist/persist.h"
 #include "sub/text_hash.h"
 #include "tests/sub/numbered.h"
 #include "tests/support/fake_clock.h"
@@ -24,6 +27,8 @@ class retain_store : public testing::Test {
   protected:
     void SetUp() override {
         quiet_ = std::make_unique<log_capture>(zeb::AGENT_LOG_FATAL);
+        // The saves go into the test's own directory, which exists.
+        snprintf(zeb::g_persist_root_path, sizeof zeb::g_persist_root_path, ".");
         ASSERT_EQ(zeb::sub_init(), 0);
     }
     void TearDown() override { zeb::sub_deinit(); }

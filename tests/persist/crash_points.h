@@ -1,0 +1,18 @@
+#pragma once
+
+// The calls that change files are counted, and the process ends before a given one, or in the middle of it
+// when it writes. crash_test.cpp puts itself in their place.
+
+namespace zeb_test {
+
+struct crash_plan {
+    int at = 0;               // the call at which the process ends, counted from 1; 0: never
+    int written_percent = 0;  // how much of that call's bytes arrive first
+    int calls = 0;
+};
+
+extern crash_plan g_crash;
+
+inline constexpr int k_crashed = 77;  // the exit code of a process that ended there
+
+}  // namespace zeb_test
