@@ -228,10 +228,12 @@ void close_timed_out(const close_entry &entry) {
         ZEB_LOG(AGENT_LOG_WARN, "[超时执行关闭] 真实关闭 → cid=%s, state=%d, handle=0x%x", id,
                 static_cast<int>(held ? held->state.load(std::memory_order_relaxed) : CLOSED),
                 held ? held->handle.load(std::memory_order_relaxed) : NETIP_HANDLE_NONE);
-        if (held)
+        if (held) {
+            held->timed_out.store(1, std::memory_order_relaxed);  // whatever it has sent since it was listed
             client_close(held.get());
-        else
+        } else {
             log_closed_already(id);
+        }
     }
     mqtt_stats_inc_timeout();
     ZEB_LOG(AGENT_LOG_WARN, "[超时完成] 客户端已关闭 → cid=%s", id);

@@ -56,6 +56,11 @@ void netip_give_back_slot(netip_conn &conn, uint32_t generation);  // without an
 void netip_open_spare();
 void netip_close_spare();
 
+// netip_io.cpp: while a slot is pinned its receive state belongs to the I/O thread that pinned it, and nobody
+// gets the slot even if the connection is closed. False for an event of a connection that is gone.
+bool netip_pin(netip_conn &conn, uint32_t generation);
+void netip_unpin(netip_conn &conn);
+
 // netip_read.cpp: true when the connection has to be closed. The slot is pinned by the caller.
 bool netip_read_connection(netip_conn &conn, uint32_t generation);
 

@@ -6,22 +6,14 @@
 
 namespace zeb {
 
-namespace {
-
-constexpr int k_wait_ms = 100;
-constexpr uint64_t k_idle_pause_us = 100;
-constexpr uint64_t k_failure_pause_us = 10000;
-
-// While a slot is pinned its receive state belongs to this thread, and nobody gets the slot even if the
-// connection is closed. False for an event of a connection that is gone.
-bool pin(netip_conn &conn, uint32_t generation) {
+bool netip_pin(netip_conn &conn, uint32_t generation) {
     std::lock_guard guard(conn.lock);
     if (!netip_is_current(conn, generation)) return false;
     conn.io_busy.store(1, std::memory_order_relaxed);
     return true;
 }
 
-void unpin(netip_conn &conn) {
+void netip_unpin(netip_conn &conn) {
     std::lock_guard guard(conn.lock);
     if (conn.in_use.load(std::memory_order_relaxed) == 0) {
         conn.rx_len = 0;
@@ -31,16 +23,22 @@ void unpin(netip_conn &conn) {
     conn.io_busy.store(0, std::memory_order_release);
 }
 
+namespace {
+
+constexpr int k_wait_ms = 100;
+constexpr uint64_t k_idle_pause_us = 100;
+constexpr uint64_t k_failure_pause_us = 10000;
+
 void handle_event(const epoll_event &event) {
     if (event.data.u64 == NETIP_EPOLL_LISTEN || event.data.u64 == NETIP_EPOLL_WAKE) return;
     netip_conn &conn = g_netip_clients[static_cast<uint32_t>(event.data.u64) - 1];
     const uint32_t generation = static_cast<uint32_t>(event.data.u64 >> 32);
-    if (!pin(conn, generation)) return;
+    if (!netip_pin(conn, generation)) return;
     bool ended = (event.events & (EPOLLERR | EPOLLHUP)) != 0;
     if (!ended && (event.events & EPOLLOUT) != 0) netip_output_ready(conn, generation);
     if (!ended && (event.events & EPOLLIN) != 0) ended = netip_read_connection(conn, generation);
     if (ended) netip_close_by_peer(conn, generation);
-    unpin(conn);
+    netip_unpin(conn);
 }
 
 // The number of events; 0 after a timeout or a failure, the pause having been made.

@@ -86,9 +86,15 @@ void netip_udp_recv() {
     udp_peer peer{};
     bool is_new = false;
     if (!find_or_add_peer(from, &peer, &is_new)) return;
+    // Pinned: a peer that is closed meanwhile must not lose its slot to another client before its packet is
+    // handled.
+    netip_conn &conn = g_netip_clients[peer.handle];
+    if (!netip_pin(conn, peer.generation)) return;
     if (is_new) (void)netip_fire(peer.handle, NETIP_EVENT_CONNECT, nullptr, 0, NETIP_REASON_DATA);
-    if (!touch_peer(peer)) return;
-    (void)netip_fire(peer.handle, NETIP_EVENT_DATA, datagram, static_cast<uint32_t>(got), NETIP_REASON_DATA);
+    if (touch_peer(peer))
+        (void)netip_fire(peer.handle, NETIP_EVENT_DATA, datagram, static_cast<uint32_t>(got),
+                         NETIP_REASON_DATA);
+    netip_unpin(conn);
 }
 
 void netip_udp_forget_peers() {

@@ -41,13 +41,13 @@ void fill_record(mqtt_publish_para *record, const char *topic, const uint8_t *pa
 }
 
 // Registered whatever became of the sending: a copy that was dropped then comes with the first repetition.
-// Kept.
+// Kept. A copy that cannot be encoded could never be repeated either.
 void deliver(publication_encoder *encoder, mqtt_client *subscriber, uint32_t qos) {
     const uint16_t msg_id = packet_new_msg_id();  // also for QoS 0
-    if (encoder->encode(subscriber, qos, msg_id) == MQTT_CODEC_OK)
-        client_send(subscriber, encoder->data(), encoder->len());
+    if (encoder->encode(subscriber, qos, msg_id) != MQTT_CODEC_OK) return;
+    client_send(subscriber, encoder->data(), encoder->len());
     const mqtt_publish_para &record = encoder->record();
-    if (qos != 0 && msg_id != 0)  // identifier 0 could be neither sent again nor acknowledged
+    if (qos != 0)
         qos_reliable_add_packet(subscriber, msg_id, static_cast<uint8_t>(qos), &record, record.payload,
                                 record.payload_len);
 }

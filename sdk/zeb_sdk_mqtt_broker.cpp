@@ -53,7 +53,8 @@ bool is_null(const mqtt_broker_instance *b) {
     return true;
 }
 
-// stop, deinit and destroy wait for threads of ours, so none of these may ask for them.
+// stop, deinit and destroy wait for threads of ours, so none of these may ask for them; and a start while
+// deinit is under way would set up anew what the thread is working on.
 bool refused_in_callback(const char *what) {
     if (!broker_in_callback()) return false;
     ZEB_LOG(AGENT_LOG_ERROR, "[SDK] %s refused: called from a callback", what);
@@ -134,6 +135,7 @@ int zeb_sdk_mqtt_broker_start(mqtt_broker_instance *b, int port, int max_clients
         ZEB_LOG(AGENT_LOG_ERROR, "[SDK] start failed: broker is already running");
         return MQTT_BROKER_ERR_BUSY;
     }
+    if (refused_in_callback("start")) return MQTT_BROKER_ERR_BUSY;
     if (port < 1 || port > k_max_port) {
         ZEB_LOG(AGENT_LOG_ERROR, "[SDK] invalid listen port: %d", port);
         return MQTT_BROKER_ERR_PARAM;
