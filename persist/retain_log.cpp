@@ -54,7 +54,7 @@ uint32_t payload_size(const retain_msg &msg) {
 }
 
 struct heap_bytes {
-    explicit heap_bytes(std::size_t size) : data(static_cast<uint8_t *>(std::malloc(size))) {}
+    explicit heap_bytes(std::size_t size) : data(static_cast<uint8_t *>(std::calloc(1, size))) {}
     ~heap_bytes() { std::free(data); }
     heap_bytes(const heap_bytes &) = delete;
     heap_bytes &operator=(const heap_bytes &) = delete;
