@@ -36,8 +36,8 @@ int send_connack(mqtt_client *client, const mqtt_connack_para &connack) {
     return 0;
 }
 
-// The answer must have left before the close: nothing is flushed once the client is closing. Its limits are those
-// in force; with a zero in their place real clients report a protocol error and not the refusal.
+// The answer must have left before the close: nothing is flushed once the client is closing. Its limits are
+// those in force; with a zero in their place real clients report a protocol error and not the refusal.
 void refuse(mqtt_client *client) {
     mqtt_connack_para connack{};
     connack.reason_code = k_reason_bad_credentials;
