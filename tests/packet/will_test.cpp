@@ -156,4 +156,44 @@ TEST_F(packet_will, starting_nothing_is_logged) {
                               "[WARN] [WILL] 不启动：条件不满足\n"}));
 }
 
+// A level 5 owner whose will waits 10 s, lost a moment ago.
+class packet_delayed_will : public packet_will {
+  protected:
+    static connect_options delayed() {
+        connect_options o;
+        o.level = 5;
+        o.properties = hex("27 00 00 10 00");
+        o.will = true;
+        o.will_properties = hex("18 00 00 00 0A");
+        return o;
+    }
+    void lose_owner() { zeb::client_close(join("owner", delayed())); }
+    texts heard_after(mqtt_client *client, uint64_t ms) {
+        clock.advance_ms(ms);
+        zeb::client_will_delay_scan();
+        return sent(client);
+    }
+};
+
+TEST_F(packet_delayed_will, an_owner_back_after_5_of_10_s_gets_no_will_published) {
+    mqtt_client *watching = watcher();
+    lose_owner();
+    EXPECT_EQ(texts(), heard_after(watching, 5000));
+    (void)join("owner", 5);
+    EXPECT_EQ(texts(), heard_after(watching, 5000));
+    EXPECT_EQ(texts(), heard_after(watching, 60000));
+    EXPECT_EQ(0, zeb::g_will_delay_client_count.load());
+}
+
+TEST_F(packet_delayed_will, an_owner_back_after_15_s_had_its_will_published_once_at_10_s) {
+    mqtt_client *watching = watcher();
+    lose_owner();
+    EXPECT_EQ(texts(), heard_after(watching, 9999));
+    EXPECT_EQ(1u, heard_after(watching, 1).size());
+    EXPECT_EQ(texts(), heard_after(watching, 5000));
+    (void)join("owner", 5);
+    EXPECT_EQ(texts(), heard_after(watching, 60000));
+    EXPECT_EQ(0, zeb::g_will_delay_client_count.load());
+}
+
 }  // namespace
