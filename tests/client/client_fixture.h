@@ -8,6 +8,7 @@
 
 #include "client/client_internal.h"
 #include "log/platform_time.h"
+#include "qos/qos_reliable.h"
 #include "stats/mqtt_stats.h"
 #include "sub/sub_mgr.h"
 #include "tests/netip/netip_fixture.h"
@@ -30,6 +31,7 @@ class still_clock {
         mono() = 1000000;
         wall() = 1700000000000;
         beats() = 0;
+        scans() = 0;
         zeb::platform_set_clock(&table());
     }
     ~still_clock() { zeb::platform_set_clock(nullptr); }
@@ -44,6 +46,8 @@ class still_clock {
     uint64_t wall_sec() const { return wall() / 1000; }
     // How often a thread has slept for 10 ms: what the send thread does after each round.
     uint64_t send_beats() const { return beats(); }
+    // How often one has slept for as long as the QoS scan thread does after each pass.
+    uint64_t scan_passes() const { return scans(); }
 
   private:
     static constexpr uint64_t k_send_beat_us = 10000;
@@ -59,8 +63,13 @@ class still_clock {
         static std::atomic<uint64_t> v;
         return v;
     }
+    static std::atomic<uint64_t> &scans() {
+        static std::atomic<uint64_t> v;
+        return v;
+    }
     static void sleep_us(uint64_t us) {
         if (us == k_send_beat_us) ++beats();
+        if (us == zeb::QOS_SCAN_PERIOD_US) ++scans();
         const timespec span{static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000 * 1000)};
         nanosleep(&span, nullptr);
     }
@@ -85,13 +94,14 @@ class client_test : public testing::Test {
         zeb::sub_deinit();
     }
 
-    // Starts over with room for that many. Returns once the send thread has had its say in the log, so that a
-    // test that listens there afterwards hears nobody but itself.
+    // Starts over with room for that many. Returns once the send thread and the QoS scan thread have had
+    // their say in the log, so that a test that listens there afterwards hears nobody but itself.
     void start(int max_clients) {
         zeb::client_mgr_deinit();
         const uint64_t beats = clock.send_beats();
+        const uint64_t passes = clock.scan_passes();
         ASSERT_EQ(zeb::client_mgr_init(max_clients), 0);
-        ASSERT_TRUE(eventually([&] { return clock.send_beats() > beats; }));
+        ASSERT_TRUE(eventually([&] { return clock.send_beats() > beats && clock.scan_passes() > passes; }));
     }
 
     static mqtt_client *create(uint32_t handle, const char *id = nullptr) {

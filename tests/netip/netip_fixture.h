@@ -12,8 +12,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -278,8 +282,22 @@ inline size_t open_descriptors() {
     return entries_of("/proc/self/fd");
 }
 
+// A thread that has been joined may stand in /proc for a moment yet; the kernel's flags tell it is leaving.
 inline size_t running_threads() {
-    return entries_of("/proc/self/task");
+    constexpr unsigned long k_exiting = 0x4;
+    size_t count = 0;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "stat");
+        std::string stat;
+        if (!std::getline(file, stat)) continue;  // gone since it was listed
+        std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+        std::string word;
+        for (int skipped = 0; skipped < 6; ++skipped) fields >> word;  // the state and five numbers
+        unsigned long flags = 0;
+        fields >> flags;
+        if ((flags & k_exiting) == 0) ++count;
+    }
+    return count;
 }
 
 // A PUBLISH-like packet of exactly `total` bytes whose payload tells its position from its seed.
