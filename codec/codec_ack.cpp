@@ -128,7 +128,7 @@ int mqtt_codec_decode_ack(mqtt_codec_ctx *ctx, int expected_type, const uint8_t 
         return MQTT_CODEC_ERR_MALFORMED;
     }
     if (h.remaining > 2) read_reason(expected_type, &body, para);
-    codec_set_level(ctx, h.remaining < 3 ? 4 : 5);
+    codec_suggest_level(ctx, h.remaining < 3 ? 4 : 5);
     ZEB_LOG(AGENT_LOG_DEBUG, "ACK decode: success (type=%d, id=%d, reason=0x%02X)", expected_type,
             para->msg_id, para->reason_code);
     return finish_decode(ctx, expected_type, body.pos, buf_len);

@@ -51,6 +51,13 @@ inline uint32_t codec_level(const mqtt_codec_ctx *ctx) noexcept {
 inline void codec_set_level(mqtt_codec_ctx *ctx, uint32_t level) noexcept {
     ctx->protocol_version.store(level, std::memory_order_relaxed);
 }
+inline bool codec_level_is_fixed(const mqtt_codec_ctx *ctx) noexcept {
+    return ctx->level_fixed.load(std::memory_order_relaxed) != 0;
+}
+// The level that a packet's shape suggests.
+inline void codec_suggest_level(mqtt_codec_ctx *ctx, uint32_t level) noexcept {
+    if (!codec_level_is_fixed(ctx)) codec_set_level(ctx, level);
+}
 inline void codec_set_type(mqtt_codec_ctx *ctx, int type) noexcept {
     ctx->last_packet_type.store(static_cast<uint32_t>(type), std::memory_order_relaxed);
 }

@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "codec/codec_frame.h"
+#include "codec/codec_publish_properties.h"
 
 namespace zeb {
 
@@ -120,6 +121,15 @@ void read_property(byte_reader *r, int block_end, mqtt_publish_para *para) noexc
     r->skip(attr_len);
 }
 
+// A block is taken for one when it fits; its last property may lead out of it and into the payload.
+uint32_t read_properties_by_shape(byte_reader *r, int packet_end, mqtt_publish_para *para) noexcept {
+    int32_t property_len = 0;
+    const bool v5 = recognise_properties(r, packet_end - r->pos, &property_len);
+    const int block_end = r->pos + property_len;
+    while (r->pos < block_end) read_property(r, block_end, para);
+    return v5 ? 5 : 4;
+}
+
 int read_payload(byte_reader *r, int packet_end, mqtt_publish_para *para) noexcept {
     int len = packet_end - r->pos;
     if (len <= 0) return MQTT_CODEC_OK;
@@ -139,18 +149,19 @@ int read_payload(byte_reader *r, int packet_end, mqtt_publish_para *para) noexce
     return MQTT_CODEC_OK;
 }
 
-// Everything behind the fixed header; the context's level becomes what the packet looks like.
+// Everything behind the fixed header.
 int read_body(byte_reader *r, int packet_end, mqtt_codec_ctx *ctx, mqtt_publish_para *para) noexcept {
     int rc = read_topic(r, para);
     if (rc == MQTT_CODEC_OK && para->qos > 0) rc = read_packet_id(r, packet_end, para);
     if (rc != MQTT_CODEC_OK) return rc;
 
-    int32_t property_len = 0;
-    const bool v5 = recognise_properties(r, packet_end - r->pos, &property_len);
-    const int block_end = r->pos + property_len;
-    while (r->pos < block_end) read_property(r, block_end, para);
-    rc = read_payload(r, packet_end, para);
-    if (rc == MQTT_CODEC_OK) codec_set_level(ctx, v5 ? 5 : 4);
+    uint32_t level = codec_level(ctx);
+    if (!codec_level_is_fixed(ctx))
+        level = read_properties_by_shape(r, packet_end, para);
+    else if (level == 5)
+        rc = codec_read_publish_properties(r, packet_end, para);
+    if (rc == MQTT_CODEC_OK) rc = read_payload(r, packet_end, para);
+    if (rc == MQTT_CODEC_OK) codec_suggest_level(ctx, level);
     return rc;
 }
 

@@ -68,7 +68,7 @@ int mqtt_codec_decode_simple(mqtt_codec_ctx *ctx, int expected_type, const uint8
         return MQTT_CODEC_ERR_MALFORMED;
     }
     r.skip(h.remaining);
-    codec_set_level(ctx, h.remaining != 0 ? 5 : 4);
+    codec_suggest_level(ctx, h.remaining != 0 ? 5 : 4);
     return finish_decode(ctx, expected_type, r.pos, buf_len);
 }
 

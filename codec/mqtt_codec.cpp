@@ -33,6 +33,7 @@ int mqtt_codec_ctx_init(mqtt_codec_ctx *ctx) {
     ctx->protocol_version.store(4, std::memory_order_relaxed);
     ctx->last_packet_type.store(0, std::memory_order_relaxed);
     ctx->last_packet_len.store(0, std::memory_order_relaxed);
+    ctx->level_fixed.store(0, std::memory_order_relaxed);
     ZEB_LOG(AGENT_LOG_DEBUG, "mqtt_codec_ctx_init: success");
     return MQTT_CODEC_OK;
 }

@@ -53,6 +53,10 @@ struct mqtt_codec_ctx {
     std::atomic<uint32_t> protocol_version;  // 4 or 5; relaxed
     std::atomic<uint32_t> last_packet_type;  // relaxed
     std::atomic<uint32_t> last_packet_len;   // relaxed
+
+    // 0: a packet that looks like the other level changes the level. 1: only CONNECT and CONNACK set it, and
+    // a PUBLISH has a property block exactly at level 5. Relaxed.
+    std::atomic<uint8_t> level_fixed{0};
 };
 
 struct mqtt_connack_para {

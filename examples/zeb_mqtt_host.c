@@ -19,12 +19,23 @@ struct host_options {
     int max_packet_size;   /* bytes */
     int log_level;
     int print_events;
+    int classic;
     const char *data_dir;
     const char *deny_user;
     const char *deny_topic;
 };
 
-static struct host_options g_options = {1883, 5000, 300, 4096, 2, 0, "./broker_data", NULL, NULL};
+static struct host_options g_options = {1883, 5000, 300, 4096, 2, 0, 0, "./broker_data", NULL, NULL};
+
+/* What every program that faces real clients should switch on. */
+static const struct {
+    mqtt_broker_option option;
+    int value;
+} k_modern[] = {
+    {MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1},
+    {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 30},
+    {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1},
+};
 
 /* run.sh --help prints the option lines of this text too: keep one option per line. */
 static const char k_usage[] =
@@ -41,6 +52,7 @@ static const char k_usage[] =
     "  --data-dir DIR               where sessions and retained messages are kept (./broker_data)\n"
     "  --deny-user NAME             refuse to connect clients with this user name\n"
     "  --deny-topic PREFIX          refuse topics and filters that begin with PREFIX\n"
+    "  --classic                    leave every option of the library off\n"
     "  --print-events               print a line for every client event\n"
     "  --help                       print this text\n";
 
@@ -117,6 +129,9 @@ static int apply_option(int option, const char *value) {
         case 'e':
             g_options.print_events = 1;
             return 0;
+        case 'o':
+            g_options.classic = 1;
+            return 0;
         default:
             return -1;
     }
@@ -132,6 +147,7 @@ static void parse_options(int argc, char **argv) {
         {"data-dir", required_argument, NULL, 'd'},
         {"deny-user", required_argument, NULL, 'u'},
         {"deny-topic", required_argument, NULL, 't'},
+        {"classic", no_argument, NULL, 'o'},
         {"print-events", no_argument, NULL, 'e'},
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
@@ -162,6 +178,14 @@ static int report(const char *step, int code) {
     return code;
 }
 
+static int set_options(mqtt_broker_instance *b) {
+    for (size_t i = 0; !g_options.classic && i < sizeof k_modern / sizeof k_modern[0]; ++i) {
+        if (report("option", zeb_sdk_mqtt_broker_set_option(b, k_modern[i].option, k_modern[i].value)) != 0)
+            return -1;
+    }
+    return 0;
+}
+
 static int configure(mqtt_broker_instance *b) {
     (void)snprintf(b->data_dir, sizeof b->data_dir, "%s", g_options.data_dir);
     if (g_options.print_events) zeb_sdk_mqtt_broker_register_event_callback(b, on_event);
@@ -170,8 +194,10 @@ static int configure(mqtt_broker_instance *b) {
     if (report("keep-alive timeout",
                zeb_sdk_mqtt_broker_set_keepalive_timeout(b, g_options.keepalive_timeout)) != 0)
         return -1;
-    return report("maximum packet size",
-                  zeb_sdk_mqtt_broker_set_max_packet_size(b, g_options.max_packet_size));
+    if (report("maximum packet size",
+               zeb_sdk_mqtt_broker_set_max_packet_size(b, g_options.max_packet_size)) != 0)
+        return -1;
+    return set_options(b);
 }
 
 static int start(mqtt_broker_instance *b) {

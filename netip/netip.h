@@ -76,6 +76,8 @@ struct netip_conn {
     uint8_t worker;                     // the I/O thread that this connection belongs to
     uint16_t unsent_offset;             // the part of a packet that the socket has not taken yet
     uint16_t unsent_len;
+    uint64_t opened_ms;             // monotonic milliseconds; slot lock
+    std::atomic<uint8_t> admitted;  // netip_admit was called for the connection; relaxed
 };
 
 extern netip_conn g_netip_clients[NETIP_MAX_CONN];
@@ -128,6 +130,11 @@ void netip_close(netip_handle h);
 // As netip_close, but only while the handle still belongs to the connection that had this generation
 // (netip_conn::generation): a handle is given to another connection soon after it was closed.
 void netip_close_connection(netip_handle h, uint32_t generation);
+
+// Note that the protocol above has accepted the connection, so that netip_close_unadmitted spares it.
+void netip_admit(netip_handle h, uint32_t generation);
+// Close the connections that were opened `limit_ms` or longer ago and have not been admitted; how many.
+int netip_close_unadmitted(uint64_t limit_ms);
 
 // 1 and the dotted text; 0 and zeros for a handle not in use; 0 and nothing written when size is below 16.
 int netip_get_client_ip(netip_handle h, char *dst, uint32_t size);

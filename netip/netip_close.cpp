@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "log/platform_time.h"
 #include "netip/netip_internal.h"
 
 namespace zeb {
@@ -111,6 +112,34 @@ void netip_close(netip_handle h) {
 
 void netip_close_connection(netip_handle h, uint32_t generation) {
     close_handle(h, &generation);
+}
+
+void netip_admit(netip_handle h, uint32_t generation) {
+    if (h >= NETIP_MAX_CONN) return;
+    netip_conn &conn = g_netip_clients[h];
+    std::lock_guard guard(conn.lock);
+    if (netip_is_current(conn, generation)) conn.admitted.store(1, std::memory_order_relaxed);
+}
+
+int netip_close_unadmitted(uint64_t limit_ms) {
+    const uint64_t now = platform_mono_ms();
+    const uint32_t used = netip_table_used();
+    int closed = 0;
+    for (netip_handle h = 0; h < used; ++h) {
+        netip_conn &conn = g_netip_clients[h];
+        if (conn.in_use.load(std::memory_order_relaxed) == 0) continue;
+        if (conn.admitted.load(std::memory_order_relaxed) != 0) continue;
+        uint32_t generation = 0;
+        {
+            std::lock_guard guard(conn.lock);
+            if (conn.admitted.load(std::memory_order_relaxed) != 0) continue;
+            if (now < conn.opened_ms + limit_ms) continue;
+            generation = conn.generation.load(std::memory_order_relaxed);
+        }
+        netip_close_connection(h, generation);
+        ++closed;
+    }
+    return closed;
 }
 
 void netip_close_by_peer(netip_conn &conn, uint32_t generation) {

@@ -110,6 +110,8 @@ netip_conn *netip_take_slot(netip_conn_type type, int fd, const sockaddr_in &pee
     conn.worker = static_cast<uint8_t>(index % static_cast<uint32_t>(g_io_thread_num));
     conn.unsent_offset = 0;
     conn.unsent_len = 0;
+    conn.opened_ms = platform_mono_ms();
+    conn.admitted.store(0, std::memory_order_relaxed);
     *generation = conn.generation.fetch_add(1, std::memory_order_relaxed) + 1;
     conn.in_use.store(1, std::memory_order_relaxed);
     return &conn;

@@ -226,9 +226,13 @@ void packet_on_connect(mqtt_client *client, const uint8_t *data, int len) {
         client->clean_session.exchange(connect.clean_start, std::memory_order_relaxed) != 0;
     client_set_keepalive(client, connect.keep_alive);
     rename(client, connect.client_id, was_clean);
+    client->codec.level_fixed.store(g_packet_options.level_by_connect.load(std::memory_order_relaxed),
+                                    std::memory_order_relaxed);
     // Unless another thread has closed it meanwhile: a closed record never comes back to life.
     uint32_t online = CONNECTED;
     client->state.compare_exchange_strong(online, LOGINED, std::memory_order_relaxed);
+    netip_admit(client->handle.load(std::memory_order_relaxed),
+                client->connection.load(std::memory_order_relaxed));
     negotiate_session_expiry(client, connect);
     negotiate_packet_size(client, connect);
     look_up_session(client);

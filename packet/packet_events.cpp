@@ -11,9 +11,15 @@
 
 namespace zeb {
 
+packet_options g_packet_options;
+
 namespace {
 
 std::atomic<uint8_t> s_send_ready_registered{0};
+
+bool is_set(const std::atomic<uint8_t> &option) {
+    return option.load(std::memory_order_relaxed) != 0;
+}
 
 struct peer {
     char ip[64] = {};
@@ -162,6 +168,11 @@ void drop_late_subscriptions(mqtt_client *client) {
     sub_remove(client->client_id, nullptr);
 }
 
+bool is_too_early(const mqtt_client *client, int type) {
+    return is_set(g_packet_options.require_connect) && type != MQTT_PKT_CONNECT &&
+           client->state.load(std::memory_order_relaxed) == CONNECTED;
+}
+
 }  // namespace
 
 void packet_dispatch(mqtt_client *client, const uint8_t *data, int32_t len) {
@@ -171,6 +182,13 @@ void packet_dispatch(mqtt_client *client, const uint8_t *data, int32_t len) {
         return;
     }
     const client_ref hold(client);
+    const int type = data[0] >> 4;
+    if (is_too_early(client, type)) {
+        ZEB_LOG(AGENT_LOG_WARN, "packet before CONNECT, connection closed: ip=%s:%d, type=%d", client->ip,
+                client->port.load(std::memory_order_relaxed), type);
+        client_close(client);
+        return;
+    }
     const uint32_t max = client->max_packet_size.load(std::memory_order_relaxed);
     if (max != 0 && static_cast<uint32_t>(len) > max) {
         ZEB_LOG(AGENT_LOG_ERROR, "[MQTT过载保护] 报文超长关闭连接：Client=%s, 接收=%d, 协商最大=%d",
@@ -179,7 +197,6 @@ void packet_dispatch(mqtt_client *client, const uint8_t *data, int32_t len) {
         client_close(client);
         return;
     }
-    const int type = data[0] >> 4;
     ZEB_LOG(AGENT_LOG_DEBUG, "收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client->client_id, type,
             static_cast<unsigned>(len));
     client_update_active(client);

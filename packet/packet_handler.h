@@ -13,6 +13,14 @@ extern std::atomic<int32_t> g_rr_counter;  // rotation over shared groups; relax
 extern uint32_t msgid_seed;                // guarded by msgid_mutex
 extern std::mutex msgid_mutex;
 
+// What an embedder may ask for beyond the fixed behaviour; all off at first. Written while the network is
+// down, read relaxed by any thread.
+struct packet_options {
+    std::atomic<uint8_t> require_connect{0};   // a packet before an accepted CONNECT closes its connection
+    std::atomic<uint8_t> level_by_connect{0};  // CONNECT alone sets the protocol level
+};
+extern packet_options g_packet_options;
+
 int packet_handler_init();  // 0 or -1
 void packet_handler_deinit();
 

@@ -5,7 +5,9 @@
 #include <cstdio>
 
 #include "client/client_mgr.h"
+#include "log/agent_log.h"
 #include "log/platform_time.h"
+#include "netip/netip.h"
 #include "sdk/sdk_internal.h"
 #include "stats/mqtt_stats.h"
 #include "sub/retain_store.h"
@@ -83,10 +85,12 @@ namespace {
 std::atomic<int64_t> last_clean{0};
 std::atomic<int64_t> last_stats_print{0};
 std::atomic<int64_t> last_retain_clean{0};
+std::atomic<int64_t> last_admission_check{0};
 
 constexpr int64_t k_clean_period_s = 10;
 constexpr int64_t k_stats_period_s = 60;
 constexpr int64_t k_retain_period_s = 5;
+constexpr int64_t k_admission_period_s = 1;
 constexpr uint64_t k_pass_us = 10000;
 
 // A clock that was set back makes a task due as well, or it would rest until the old time is reached again.
@@ -112,6 +116,12 @@ void housekeeping_pass(const mqtt_broker_instance *b) {
     if (is_due(last_retain_clean, k_retain_period_s)) {
         retain_clean_expired();
         mark_done(&last_retain_clean);
+    }
+    const int connect_timeout_s = b->options[MQTT_BROKER_OPTION_CONNECT_TIMEOUT];
+    if (connect_timeout_s != 0 && is_due(last_admission_check, k_admission_period_s)) {
+        const int closed = netip_close_unadmitted(static_cast<uint64_t>(connect_timeout_s) * 1000u);
+        if (closed != 0) ZEB_LOG(AGENT_LOG_WARN, "[SDK] closed %d connections without CONNECT", closed);
+        mark_done(&last_admission_check);
     }
     client_will_delay_pass();
 }

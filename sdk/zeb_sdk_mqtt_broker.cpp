@@ -47,6 +47,32 @@ constexpr code_text k_error_texts[] = {
     {MQTT_BROKER_ERR_TIMEOUT, "Timeout"},
 };
 
+struct option_range {
+    mqtt_broker_option option;
+    int max;  // from 0, which is off
+};
+
+constexpr option_range k_options[] = {
+    {MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1},
+    {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 3600},
+    {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1},
+};
+
+bool is_valid_option(mqtt_broker_option option, int value) {
+    for (const option_range &row : k_options)
+        if (row.option == option) return value >= 0 && value <= row.max;
+    return false;
+}
+
+// To the modules that know no instance.
+void apply_options(const mqtt_broker_instance *b) {
+    const auto flag = [b](mqtt_broker_option option) { return static_cast<uint8_t>(b->options[option]); };
+    g_packet_options.require_connect.store(flag(MQTT_BROKER_OPTION_REQUIRE_CONNECT),
+                                           std::memory_order_relaxed);
+    g_packet_options.level_by_connect.store(flag(MQTT_BROKER_OPTION_LEVEL_BY_CONNECT),
+                                            std::memory_order_relaxed);
+}
+
 bool is_null(const mqtt_broker_instance *b) {
     if (b != nullptr) return false;
     ZEB_LOG(AGENT_LOG_ERROR, "[SDK] invalid broker handle");
@@ -86,6 +112,7 @@ int start_modules(mqtt_broker_instance *b, int max_clients) {
             return MQTT_BROKER_ERR_RESOURCE;
         }
         g_default_max_packet_size.store(b->max_packet_size, std::memory_order_relaxed);
+        apply_options(b);
         err = netip_init(mqtt_netip_event_cb, b, 1);
         if (err == NETIP_OK) return MQTT_BROKER_OK;
         client_mgr_deinit();
@@ -221,6 +248,17 @@ int zeb_sdk_mqtt_broker_set_max_packet_size(mqtt_broker_instance *b, int bytes) 
     }
     if (bytes < k_min_packet_size || bytes > k_max_packet_size) return MQTT_BROKER_ERR_PARAM;
     b->max_packet_size = static_cast<uint32_t>(bytes);
+    return MQTT_BROKER_OK;
+}
+
+int zeb_sdk_mqtt_broker_set_option(mqtt_broker_instance *b, mqtt_broker_option option, int value) {
+    if (is_null(b) || !is_valid_option(option, value)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_running(b)) {
+        ZEB_LOG(AGENT_LOG_ERROR, "[SDK] set_option failed: broker is already running");
+        return MQTT_BROKER_ERR_BUSY;
+    }
+    b->options[option] = value;
+    ZEB_LOG(AGENT_LOG_INFO, "[SDK] set option %d = %d", static_cast<int>(option), value);
     return MQTT_BROKER_OK;
 }
 

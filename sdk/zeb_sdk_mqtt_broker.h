@@ -36,6 +36,22 @@ typedef enum mqtt_broker_event {
     MQTT_BROKER_EVENT_WILL = 5
 } mqtt_broker_event;
 
+/* What goes beyond the fixed behaviour, for zeb_sdk_mqtt_broker_set_option; each is 0 (off) by default. */
+typedef enum mqtt_broker_option {
+    /* 0 or 1. A packet other than CONNECT before an accepted CONNECT closes its connection, unanswered. */
+    MQTT_BROKER_OPTION_REQUIRE_CONNECT = 0,
+    /* 0 or 1..3600, seconds. A connection, TCP or UDP, on which no CONNECT has been accepted for so long is
+     * closed; otherwise silent connections hold their place for ever. */
+    MQTT_BROKER_OPTION_CONNECT_TIMEOUT = 1,
+    /* 0 or 1. The protocol level that CONNECT set stays for the life of the connection, and a PUBLISH has a
+     * property block exactly at level 5; otherwise packets that look like the other level change it. */
+    MQTT_BROKER_OPTION_LEVEL_BY_CONNECT = 2,
+    MQTT_BROKER_OPTION_FORCE_INT = 0x7fffffff /* no option: gives the type the range of int */
+} mqtt_broker_option;
+
+/* Room in the instance record for the values of this many options. */
+#define MQTT_BROKER_OPTION_CAPACITY 16
+
 /* A decoded CONNECT. All texts are NUL-terminated. */
 typedef struct mqtt_connect_para {
     char client_id[65];
@@ -81,10 +97,11 @@ struct mqtt_broker_instance {
     mqtt_broker_event_cb event_cb;
     mqtt_broker_auth_cb auth_cb;
     mqtt_broker_acl_cb acl_cb;
-    int32_t port;            /* default 1883 */
-    int32_t max_clients;     /* default 5000 */
-    char data_dir[256];      /* default "./broker_data" */
-    pthread_t broker_thread; /* 0 when none */
+    int32_t port;                                 /* default 1883 */
+    int32_t max_clients;                          /* default 5000 */
+    char data_dir[256];                           /* default "./broker_data" */
+    pthread_t broker_thread;                      /* 0 when none */
+    int32_t options[MQTT_BROKER_OPTION_CAPACITY]; /* private: see zeb_sdk_mqtt_broker_set_option */
 };
 
 typedef struct mqtt_broker_client_info {
@@ -212,6 +229,18 @@ int zeb_sdk_mqtt_broker_set_keepalive_timeout(mqtt_broker_instance *b, int secon
  * @source MQTT 5.0 section 3.1.2.11.4 (Maximum Packet Size).
  */
 int zeb_sdk_mqtt_broker_set_max_packet_size(mqtt_broker_instance *b, int bytes);
+
+/**
+ * Switch on, or off again, what goes beyond the fixed behaviour. Takes effect with the next start.
+ *
+ * @param b       broker; not NULL, not running.
+ * @param option  which one.
+ * @param value   its value, in the range given with mqtt_broker_option; 0 is off.
+ * @return MQTT_BROKER_OK; MQTT_BROKER_ERR_PARAM (NULL, an unknown option or a value out of its range);
+ *         MQTT_BROKER_ERR_BUSY (running). Nothing changes on failure.
+ * @thread the thread of the life cycle.
+ */
+int zeb_sdk_mqtt_broker_set_option(mqtt_broker_instance *b, mqtt_broker_option option, int value);
 
 /*
  * Callbacks. NULL (the default) means: accept, allow, tell nobody. They run on threads of the library,

@@ -16,7 +16,11 @@ def host_program():
 
 
 class Broker:
-    def __init__(self, directory, *options):
+    """Runs with every option of the library off unless it is told to be `modern`."""
+
+    def __init__(self, directory, *options, modern=False):
+        if not modern:
+            options = ("--classic", *options)
         self.stderr_path = os.path.join(str(directory), "stderr.txt")
         self.lines = []
         self.changed = threading.Condition()

@@ -25,10 +25,10 @@ def test_help_is_printed_and_run_sh_repeats_its_options(tmp_path):
     result = run_host(tmp_path, "--help")
     assert result.returncode == 0 and result.stderr == ""
     options = [line for line in result.stdout.splitlines() if line.startswith("  --")]
-    assert len(options) == 10, result.stdout
+    assert len(options) == 11, result.stdout
     script = subprocess.run([os.path.join(REPOSITORY, "run.sh"), "--help"], stdout=subprocess.PIPE, text=True,
                             check=True)
-    assert script.stdout.splitlines()[-10:] == options
+    assert script.stdout.splitlines()[-11:] == options
 
 
 @pytest.mark.parametrize("readme", ["README.md", "README.zh-CN.md"])
@@ -56,7 +56,7 @@ def test_invalid_options_end_with_the_usage_and_status_2(tmp_path, arguments):
 def test_every_option_is_accepted(start_broker, tmp_path):
     broker = start_broker("--keepalive-timeout", "3600", "--max-packet-size", "10485760", "--log-level", "fatal",
                           "--port", "65535", "--max-clients", "11000", "--data-dir", str(tmp_path / "data"),
-                          "--deny-user", "u", "--deny-topic", "t", "--print-events")
+                          "--deny-user", "u", "--deny-topic", "t", "--classic", "--print-events")
     broker.stop()
 
 

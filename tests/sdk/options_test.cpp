@@ -1,0 +1,158 @@
+// What goes beyond the fixed behaviour, switched on one by one.
+#include "packet/packet_handler.h"
+#include "tests/sdk/sdk_fixture.h"
+
+namespace {
+
+using zeb_test::broker;
+using zeb_test::bytes;
+using zeb_test::dump;
+using zeb_test::log_capture;
+using zeb_test::mqtt_peer;
+
+TEST(sdk_options, each_option_has_its_range_and_is_off_at_first) {
+    constexpr struct {
+        mqtt_broker_option option;
+        int value;
+        int result;
+    } k_rows[] = {
+        {MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1, 0},
+        {MQTT_BROKER_OPTION_REQUIRE_CONNECT, 2, -2},
+        {MQTT_BROKER_OPTION_REQUIRE_CONNECT, -1, -2},
+        {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 1, 0},
+        {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 3600, 0},
+        {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 3601, -2},
+        {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, -1, -2},
+        {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1, 0},
+        {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 2, -2},
+        {MQTT_BROKER_OPTION_FORCE_INT, 0, -2},
+        {static_cast<mqtt_broker_option>(MQTT_BROKER_OPTION_CAPACITY), 0, -2},
+    };
+    mqtt_broker_instance *b = zeb_sdk_mqtt_broker_create();
+    for (const int32_t value : b->options) EXPECT_EQ(value, 0);
+    for (const auto &row : k_rows) {
+        EXPECT_EQ(zeb_sdk_mqtt_broker_set_option(b, row.option, row.value), row.result)
+            << row.option << " " << row.value;
+        if (row.result != 0) continue;
+        EXPECT_EQ(b->options[row.option], row.value);
+        EXPECT_EQ(zeb_sdk_mqtt_broker_set_option(b, row.option, 0), 0);
+    }
+    for (const int32_t value : b->options) EXPECT_EQ(value, 0) << "0 switches off again";
+    zeb_sdk_mqtt_broker_destroy(b);
+}
+
+TEST(sdk_options, a_missing_instance_is_logged_and_a_running_one_refuses) {
+    {
+        log_capture log;
+        EXPECT_EQ(zeb_sdk_mqtt_broker_set_option(nullptr, MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1), -2);
+        EXPECT_TRUE(log.has("ERROR", "[SDK] invalid broker handle"));
+    }
+    broker b(10);
+    log_capture log(zeb::AGENT_LOG_ERROR);
+    EXPECT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1), -7);
+    EXPECT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_REQUIRE_CONNECT, 2), -2);
+    EXPECT_TRUE(log.has("ERROR", "[SDK] set_option failed: broker is already running"));
+    EXPECT_EQ(b.get()->options[MQTT_BROKER_OPTION_REQUIRE_CONNECT], 0);
+}
+
+TEST(sdk_options, the_next_start_of_an_instance_without_options_has_none) {
+    {
+        broker b;
+        ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1), 0);
+        ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1), 0);
+        ASSERT_EQ(b.start(10), 0);
+        EXPECT_EQ(zeb::g_packet_options.require_connect, 1);
+        EXPECT_EQ(zeb::g_packet_options.level_by_connect, 1);
+    }
+    broker b(10);
+    EXPECT_EQ(zeb::g_packet_options.require_connect, 0);
+    EXPECT_EQ(zeb::g_packet_options.level_by_connect, 0);
+    EXPECT_TRUE(mqtt_peer().is_served()) << "PINGREQ before CONNECT is answered";
+}
+
+TEST(sdk_options, a_packet_before_connect_closes_the_connection_unanswered) {
+    broker b;
+    ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1), 0);
+    ASSERT_EQ(b.start(10), 0);
+    for (const char *packet :
+         {"C0 00", "30 05 00 01 't' 'hi'", "82 06 00 01 00 01 't' 00", "E0 00", "F0 00"}) {
+        mqtt_peer early;
+        ASSERT_TRUE(early.send(packet));
+        EXPECT_EQ(dump(early.read()), dump(bytes{})) << packet;
+        EXPECT_TRUE(early.closed_somehow()) << packet;
+    }
+    mqtt_peer proper("proper");
+    EXPECT_TRUE(proper.is_served());
+    EXPECT_TRUE(zeb_test::eventually([&] { return b.online() == 1; }));
+}
+
+TEST(sdk_options, a_refused_connect_does_not_open_the_door) {
+    broker b;
+    ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1), 0);
+    zeb_sdk_mqtt_broker_register_auth_callback(b.get(), [](mqtt_broker_instance *, const mqtt_connect_para *,
+                                                           const char *, const char *) { return 0; });
+    ASSERT_EQ(b.start(10), 0);
+    mqtt_peer refused;
+    bytes both = zeb_test::connect_packet("refused");
+    both.insert(both.end(), {0xC0, 0x00});
+    ASSERT_TRUE(refused.send(both));
+    EXPECT_EQ(dump(refused.read()).substr(0, 2), "20");
+    EXPECT_EQ(dump(refused.read()), dump(bytes{}));
+}
+
+// Time leaps while the broker's threads keep their beat.
+class sdk_connect_timeout : public testing::Test {
+  protected:
+    void start(int seconds) {
+        ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_CONNECT_TIMEOUT, seconds), 0);
+        ASSERT_EQ(zeb_sdk_mqtt_broker_set_keepalive_timeout(b.get(), 3600), 0);
+        ASSERT_EQ(b.start(50), 0);
+    }
+    static uint32_t connections() {
+        uint32_t count = 0;
+        for (const zeb::netip_conn &conn : zeb::g_netip_clients) count += conn.in_use.load();
+        return count;
+    }
+    zeb_test::stepped_clock clock;
+    broker b;
+};
+
+TEST_F(sdk_connect_timeout, silent_and_unaccepted_connections_are_closed_in_time) {
+    start(30);
+    mqtt_peer silent;
+    mqtt_peer pinging;
+    zeb_test::connect_options options;
+    options.keepalive_s = 60000;
+    mqtt_peer proper("proper", options);
+    zeb_test::udp_client datagrams;
+    ASSERT_TRUE(pinging.is_served());
+    datagrams.send("C0 00");
+    ASSERT_TRUE(zeb_test::eventually([&] {
+        // Datagrams are read beside the traffic of a TCP connection only.
+        return proper.is_served() && connections() == 4;
+    }));
+    clock.advance_ms(25000);
+    ASSERT_TRUE(pinging.is_served()) << "not yet, and a packet of another type buys no time";
+    ASSERT_EQ(connections(), 4u);
+    clock.advance_ms(6000);
+    EXPECT_TRUE(silent.closed_somehow());
+    EXPECT_TRUE(pinging.closed_somehow());
+    EXPECT_TRUE(zeb_test::eventually([] { return connections() == 1; }));
+    EXPECT_TRUE(proper.is_served());
+    EXPECT_EQ(b.ids(), "proper");
+    clock.advance_ms(3600000);
+    EXPECT_TRUE(proper.is_served()) << "once accepted, the time-out is over";
+}
+
+TEST_F(sdk_connect_timeout, off_leaves_silent_connections_alone) {
+    start(0);
+    mqtt_peer silent;
+    ASSERT_TRUE(zeb_test::eventually([] { return connections() == 1; }));
+    clock.advance_ms(7200000);
+    mqtt_peer later("later");
+    EXPECT_TRUE(later.is_served());
+    EXPECT_EQ(connections(), 2u);
+    EXPECT_TRUE(silent.is_served());
+}
+
+}  // namespace
