@@ -1,3 +1,17 @@
+/**
+ * @file
+ * The public interface of the zeb MQTT broker, in plain C.
+ *
+ * Life cycle: create, (setters, callbacks), init, start, ..., stop, deinit, destroy, from one thread. The
+ * modules behind the instance are singletons: one running broker per process. A data directory other than the
+ * default is written into data_dir between create and init; all other fields of the record are read only for
+ * applications.
+ *
+ * Callbacks. NULL (the default) means: accept, allow, tell nobody. They run on threads of the library,
+ * several may run at once, and no lock of the library is held meanwhile: every function of this header but
+ * stop, deinit and destroy may be called from inside. A callback that blocks holds up the traffic of all
+ * clients. All pointers that it is given are valid only until it returns.
+ */
 #ifndef ZEB_SDK_MQTT_BROKER_H
 #define ZEB_SDK_MQTT_BROKER_H
 
@@ -13,119 +27,147 @@ extern "C" {
 #pragma GCC visibility push(default)
 #endif
 
-/* Result of every public function that returns int. */
+/** Result of every public function that returns int. */
 typedef enum mqtt_broker_error {
-    MQTT_BROKER_OK = 0,
-    MQTT_BROKER_ERR_INIT = -1,
-    MQTT_BROKER_ERR_PARAM = -2,
-    MQTT_BROKER_ERR_RESOURCE = -3,
-    MQTT_BROKER_ERR_NOT_RUNNING = -4,
-    MQTT_BROKER_ERR_NOT_FOUND = -5,
-    MQTT_BROKER_ERR_DENIED = -6,
-    MQTT_BROKER_ERR_BUSY = -7,
-    MQTT_BROKER_ERR_TIMEOUT = -8
+    MQTT_BROKER_OK = 0,               /**< done */
+    MQTT_BROKER_ERR_INIT = -1,        /**< initialisation failed; reserved, no function returns it */
+    MQTT_BROKER_ERR_PARAM = -2,       /**< an argument is NULL or out of its range */
+    MQTT_BROKER_ERR_RESOURCE = -3,    /**< no memory, too many clients, or the port is taken */
+    MQTT_BROKER_ERR_NOT_RUNNING = -4, /**< reserved, no function returns it */
+    MQTT_BROKER_ERR_NOT_FOUND = -5,   /**< no such client or retained message */
+    MQTT_BROKER_ERR_DENIED = -6,      /**< the client belongs to another instance */
+    MQTT_BROKER_ERR_BUSY = -7,        /**< not while running, or not from a callback */
+    MQTT_BROKER_ERR_TIMEOUT = -8      /**< reserved, no function returns it */
 } mqtt_broker_error;
 
-/* Event kinds passed to the event callback. */
+/** Event kinds passed to the event callback. */
 typedef enum mqtt_broker_event {
-    MQTT_BROKER_EVENT_CONNECT = 0,
-    MQTT_BROKER_EVENT_DISCONNECT = 1,
-    MQTT_BROKER_EVENT_PUBLISH = 2,
-    MQTT_BROKER_EVENT_SUBSCRIBE = 3,
-    MQTT_BROKER_EVENT_UNSUBSCRIBE = 4,
-    MQTT_BROKER_EVENT_WILL = 5
+    MQTT_BROKER_EVENT_CONNECT = 0,     /**< a CONNECT was accepted */
+    MQTT_BROKER_EVENT_DISCONNECT = 1,  /**< a client sent DISCONNECT; a lost connection raises no event */
+    MQTT_BROKER_EVENT_PUBLISH = 2,     /**< a client published; topic and QoS are those of its packet */
+    MQTT_BROKER_EVENT_SUBSCRIBE = 3,   /**< a filter was granted; topic is the filter, QoS what was granted */
+    MQTT_BROKER_EVENT_UNSUBSCRIBE = 4, /**< a filter was given up; topic is the filter */
+    MQTT_BROKER_EVENT_WILL = 5         /**< the will of a lost client was published */
 } mqtt_broker_event;
 
-/* What goes beyond the fixed behaviour, for zeb_sdk_mqtt_broker_set_option; each is 0 (off) by default. */
+/** What goes beyond the fixed behaviour, for zeb_sdk_mqtt_broker_set_option; each is 0 (off) by default. */
 typedef enum mqtt_broker_option {
-    /* 0 or 1. A packet other than CONNECT before an accepted CONNECT closes its connection, unanswered. */
+    /** 0 or 1. A packet other than CONNECT before an accepted CONNECT closes its connection, unanswered. */
     MQTT_BROKER_OPTION_REQUIRE_CONNECT = 0,
-    /* 0 or 1..3600, seconds. A connection, TCP or UDP, on which no CONNECT has been accepted for so long is
+    /** 0 or 1..3600, seconds. A connection, TCP or UDP, on which no CONNECT has been accepted for so long is
      * closed; otherwise silent connections hold their place for ever. */
     MQTT_BROKER_OPTION_CONNECT_TIMEOUT = 1,
-    /* 0 or 1. The protocol level that CONNECT set stays for the life of the connection, and a PUBLISH has a
+    /** 0 or 1. The protocol level that CONNECT set stays for the life of the connection, and a PUBLISH has a
      * property block exactly at level 5; otherwise packets that look like the other level change it. */
     MQTT_BROKER_OPTION_LEVEL_BY_CONNECT = 2,
-    MQTT_BROKER_OPTION_FORCE_INT = 0x7fffffff /* no option: gives the type the range of int */
+    MQTT_BROKER_OPTION_FORCE_INT = 0x7fffffff /**< no option: gives the type the range of int */
 } mqtt_broker_option;
 
-/* Room in the instance record for the values of this many options. */
+/** Room in the instance record for the values of this many options. */
 #define MQTT_BROKER_OPTION_CAPACITY 16
 
-/* A decoded CONNECT. All texts are NUL-terminated. */
+/** A decoded CONNECT. All texts are NUL-terminated. */
 typedef struct mqtt_connect_para {
-    char client_id[65];
-    uint8_t clean_start;
-    uint16_t keep_alive; /* seconds */
-    uint8_t will_flag;
-    uint32_t will_qos;
-    uint8_t will_retain;
-    char will_topic[257];
-    uint8_t will_payload[2048]; /* not terminated */
-    uint32_t will_payload_len;
-    uint32_t will_delay_interval;      /* seconds */
-    uint32_t will_msg_expiry_interval; /* seconds */
-    uint8_t username_flag;
-    char username[65];
-    uint32_t username_len;
-    uint8_t password_flag;
-    char password[65];
-    uint32_t password_len;
-    uint32_t session_expiry_interval;
-    uint16_t receive_maximum;
-    uint16_t topic_alias_maximum;
-    uint8_t request_response_info;
-    uint8_t request_problem_info;
-    uint32_t maximum_packet_size;
+    char client_id[65];                /**< empty when the client sent none */
+    uint8_t clean_start;               /**< Clean Session or Clean Start, 0 or 1 */
+    uint16_t keep_alive;               /**< seconds, 0 for none */
+    uint8_t will_flag;                 /**< 1 when there is a will, else 0 */
+    uint32_t will_qos;                 /**< 0..2 */
+    uint8_t will_retain;               /**< 0 or 1 */
+    char will_topic[257];              /**< up to 256 bytes */
+    uint8_t will_payload[2048];        /**< not terminated */
+    uint32_t will_payload_len;         /**< bytes of will_payload */
+    uint32_t will_delay_interval;      /**< seconds, level 5 only */
+    uint32_t will_msg_expiry_interval; /**< seconds, level 5 only */
+    uint8_t username_flag;             /**< 1 when the client sent a user name */
+    char username[65];                 /**< up to 64 bytes */
+    uint32_t username_len;             /**< bytes of username */
+    uint8_t password_flag;             /**< 1 when the client sent a password */
+    char password[65];                 /**< up to 64 bytes */
+    uint32_t password_len;             /**< bytes of password */
+    uint32_t session_expiry_interval;  /**< seconds, level 5 only */
+    uint16_t receive_maximum;          /**< messages, level 5 only; not looked at */
+    uint16_t topic_alias_maximum;      /**< level 5 only; not looked at */
+    uint8_t request_response_info;     /**< level 5 only; not looked at */
+    uint8_t request_problem_info;      /**< level 5 only; not looked at */
+    uint32_t maximum_packet_size;      /**< bytes, level 5 only; 0 when the client announced none */
 } mqtt_connect_para;
 
+/** A broker, see struct mqtt_broker_instance. */
 typedef struct mqtt_broker_instance mqtt_broker_instance;
 
-/* json: {"clientId":"...","topic":"...","qos":n}; the result is ignored. */
+/**
+ * Told of an event.
+ *
+ * @param b      the broker that the client is connected to.
+ * @param event  an mqtt_broker_event.
+ * @param json   {"clientId":"...","topic":"...","qos":n}, cut at 255 bytes, nothing in it is escaped; valid
+ *               until the callback returns.
+ * @return is ignored.
+ * @thread the I/O thread; for wills also the housekeeping thread and the callers of kick and deinit.
+ */
 typedef int (*mqtt_broker_event_cb)(mqtt_broker_instance *b, uint32_t event, const char *json);
-/* nonzero accepts */
+
+/**
+ * Asked whether a client may connect.
+ *
+ * @param b         the broker that the client is connected to.
+ * @param connect   the decoded CONNECT; valid until the callback returns.
+ * @param username  its user name, empty when it sent none.
+ * @param password  its password, empty when it sent none.
+ * @return nonzero accepts, zero refuses.
+ * @thread the I/O thread.
+ */
 typedef int (*mqtt_broker_auth_cb)(mqtt_broker_instance *b, const mqtt_connect_para *connect,
                                    const char *username, const char *password);
-/* action: 0 subscribe, nonzero publish; nonzero accepts */
+
+/**
+ * Asked whether a client may publish or subscribe.
+ *
+ * @param b          the broker that the client is connected to.
+ * @param client_id  the client's identifier, empty before CONNECT; valid until the callback returns.
+ * @param topic      the topic name or, of a subscription, the filter; valid until the callback returns.
+ * @param action     0 subscribe, nonzero publish.
+ * @return nonzero allows, zero refuses.
+ * @thread the I/O thread.
+ */
 typedef int (*mqtt_broker_acl_cb)(mqtt_broker_instance *b, const char *client_id, const char *topic,
                                   uint8_t action);
 
+/** The broker: configuration, callbacks and state. To be made by zeb_sdk_mqtt_broker_create alone. */
 struct mqtt_broker_instance {
-    uint8_t running;            /* 0 or 1 */
-    uint32_t keepalive_timeout; /* seconds, 1..3600, default 300 */
-    uint32_t max_packet_size;   /* bytes, 256..10485760, default 4096 */
-    mqtt_broker_event_cb event_cb;
-    mqtt_broker_auth_cb auth_cb;
-    mqtt_broker_acl_cb acl_cb;
-    int32_t port;                                 /* default 1883 */
-    int32_t max_clients;                          /* default 5000 */
-    char data_dir[256];                           /* default "./broker_data" */
-    pthread_t broker_thread;                      /* 0 when none */
-    int32_t options[MQTT_BROKER_OPTION_CAPACITY]; /* private: see zeb_sdk_mqtt_broker_set_option */
+    uint8_t running;               /**< 0 or 1 */
+    uint32_t keepalive_timeout;    /**< seconds, 1..3600, default 300 */
+    uint32_t max_packet_size;      /**< bytes, 256..10485760, default 4096 */
+    mqtt_broker_event_cb event_cb; /**< set by zeb_sdk_mqtt_broker_register_event_callback */
+    mqtt_broker_auth_cb auth_cb;   /**< set by zeb_sdk_mqtt_broker_register_auth_callback */
+    mqtt_broker_acl_cb acl_cb;     /**< set by zeb_sdk_mqtt_broker_register_acl_callback */
+    int32_t port;                  /**< as given to start, default 1883 */
+    int32_t max_clients;           /**< as given to start, default 5000 */
+    char data_dir[256];            /**< default "./broker_data"; may be written between create and init */
+    pthread_t broker_thread;       /**< the housekeeping thread, 0 when none */
+    int32_t options[MQTT_BROKER_OPTION_CAPACITY]; /**< private: see zeb_sdk_mqtt_broker_set_option */
 };
 
+/** What zeb_sdk_mqtt_broker_get_client_info tells. */
 typedef struct mqtt_broker_client_info {
-    char client_id[128];
-    char ip[64];
-    uint16_t port;
-    uint16_t keepalive; /* seconds */
-    uint8_t online;     /* 0 or 1 */
-    uint32_t connected_seconds;
+    char client_id[128];        /**< the identifier */
+    char ip[64];                /**< the peer's IPv4 address in dotted text */
+    uint16_t port;              /**< the peer's port */
+    uint16_t keepalive;         /**< seconds, 60 for a client that asked for none */
+    uint8_t online;             /**< 0 or 1 */
+    uint32_t connected_seconds; /**< seconds since the connection's first packet */
 } mqtt_broker_client_info;
 
+/** What zeb_sdk_mqtt_broker_get_stats tells. */
 typedef struct mqtt_broker_stats {
-    int online;
-    uint32_t total_messages;
-    uint32_t total_subscriptions;
-    uint32_t uptime_seconds;
+    int online;                   /**< clients online */
+    uint32_t total_messages;      /**< publications of clients, modulo 2^32 */
+    uint32_t total_subscriptions; /**< as of the last report, which is made every 60 s */
+    uint32_t uptime_seconds;      /**< seconds since init */
 } mqtt_broker_stats;
 
-/*
- * Life cycle: create, (setters, callbacks), init, start, ..., stop, deinit, destroy, from one thread. The
- * modules behind the instance are singletons: one running broker per process. A data directory other than the
- * default is written into data_dir between create and init; all other fields of the record are read only for
- * applications.
- */
+/* Life cycle. */
 
 /**
  * Allocate an instance with the default configuration.
@@ -187,7 +229,8 @@ void zeb_sdk_mqtt_broker_destroy(mqtt_broker_instance *b);
 /**
  * Whether the broker is between a successful start and stop.
  *
- * @return 1 or 0; 0 for NULL.
+ * @param b  broker; NULL is answered with 0.
+ * @return 1 or 0.
  * @thread any, also from a callback.
  */
 int zeb_sdk_mqtt_broker_is_running(mqtt_broker_instance *b);
@@ -242,12 +285,7 @@ int zeb_sdk_mqtt_broker_set_max_packet_size(mqtt_broker_instance *b, int bytes);
  */
 int zeb_sdk_mqtt_broker_set_option(mqtt_broker_instance *b, mqtt_broker_option option, int value);
 
-/*
- * Callbacks. NULL (the default) means: accept, allow, tell nobody. They run on threads of the library,
- * several may run at once, and no lock of the library is held meanwhile: every function of this header but
- * stop, deinit and destroy may be called from inside. A callback that blocks holds up the traffic of all
- * clients. All pointers that it is given are valid only until it returns.
- */
+/* Callbacks. */
 
 /**
  * Register the callback that is told of events. The text is cut at 255 bytes; nothing in it is escaped.
@@ -377,12 +415,16 @@ int zeb_sdk_mqtt_broker_get_retain_topic_list(mqtt_broker_instance *b, char *buf
 int zeb_sdk_mqtt_broker_get_stats(mqtt_broker_instance *b, mqtt_broker_stats *out);
 
 /**
+ * Name the version.
+ *
  * @return the version of the library, "V2.0.0"; static storage.
  * @thread any.
  */
 const char *zeb_sdk_mqtt_broker_version(void);
 
 /**
+ * Put a result into words.
+ *
  * @param code  a result of any function above.
  * @return its English text, "Unknown error" for others; static storage.
  * @thread any.
