@@ -2,9 +2,9 @@
 
 build_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev python3-minimal python3-pytest python3-paho-mqtt mosquitto-clients
-    paho.mqtt.c-examples iproute2 util-linux procps)
+    paho.mqtt.c-examples iproute2 util-linux procps doxygen mandoc binutils dpkg-dev file)
 # These may come from elsewhere, so what counts is the command: <command>=<package>.
-test_commands=(node=nodejs npm=npm)
+test_commands=(node=nodejs npm=npm pkg-config=pkg-config)
 
 # missing_packages <package|command=package>...: prints those that are not there yet.
 missing_packages() {
