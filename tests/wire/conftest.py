@@ -6,6 +6,7 @@ from mqtt_wire import CONNACK, Conn, Datagrams, connect, connack_v5, maximum_pac
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "host(*options): options of the host program that a test runs against")
+    config.addinivalue_line("markers", "modern: the host program as users start it, with the library's options on")
 
 
 @pytest.fixture
@@ -13,8 +14,8 @@ def start_broker(tmp_path):
     """Start brokers by hand; each must end by itself or by stop() before the test does."""
     started = []
 
-    def start(*options):
-        started.append(Broker(tmp_path, *options))
+    def start(*options, modern=False):
+        started.append(Broker(tmp_path, *options, modern=modern))
         return started[-1]
 
     yield start
@@ -26,7 +27,8 @@ def start_broker(tmp_path):
 def broker(request, start_broker):
     """A broker for this test alone, which must end cleanly and without a word on stderr."""
     marker = request.node.get_closest_marker("host")
-    running = start_broker(*(marker.args if marker else ()))
+    modern = request.node.get_closest_marker("modern") is not None
+    running = start_broker(*(marker.args if marker else ()), modern=modern)
     yield running
     if running.process.poll() is None:
         running.stop()
