@@ -1,5 +1,6 @@
 // What the application is told and asked.
 #include "sdk/broker.h"
+#include "sub/sub_mgr.h"
 #include "tests/sdk/sdk_fixture.h"
 
 namespace {
@@ -168,6 +169,74 @@ TEST_F(sdk_callback, a_callback_may_use_the_broker_and_kick_the_client_it_is_tol
     EXPECT_TRUE(peer.closed_somehow());
     EXPECT_EQ(kicked, 0);
     EXPECT_EQ(b.ids(), "l");
+}
+
+TEST_F(sdk_callback, a_callback_may_register_another_one) {
+    broker b(10);
+    callbacks::get().set_hook([](mqtt_broker_instance *instance, const callbacks::event &e) {
+        if (e.kind != MQTT_BROKER_EVENT_CONNECT) return;
+        zeb_sdk_mqtt_broker_register_acl_callback(instance, allow_nothing_secret);
+        zeb_sdk_mqtt_broker_register_event_callback(instance, nullptr);
+    });
+    zeb_sdk_mqtt_broker_register_event_callback(b.get(), callbacks::on_event);
+    mqtt_peer peer("c");
+    ASSERT_TRUE(peer.send(zeb_test::subscribe_packet(7, "secret/1")));
+    EXPECT_EQ(dump(peer.read()), "90 03 00 07 80");
+    EXPECT_EQ(events(MQTT_BROKER_EVENT_CONNECT).size(), 1u);
+    EXPECT_TRUE(events(MQTT_BROKER_EVENT_SUBSCRIBE).empty());
+}
+
+int kick_and_allow(mqtt_broker_instance *b, const char *client_id, const char *, uint8_t) {
+    return zeb_sdk_mqtt_broker_kick_client(b, client_id) == 0;
+}
+
+TEST_F(sdk_callback, the_acl_callback_may_kick_the_client_it_decides_about) {
+    broker b(10);
+    mqtt_peer subscriber("s");
+    mqtt_peer publisher("p");
+    zeb_sdk_mqtt_broker_register_acl_callback(b.get(), kick_and_allow);
+    ASSERT_TRUE(subscriber.send(zeb_test::subscribe_packet(7, "t")));
+    EXPECT_EQ(dump(subscriber.read()), "E0 00");
+    EXPECT_TRUE(subscriber.closed_somehow());
+    ASSERT_TRUE(publisher.send(publish_packet("t", {0xFF}, 1, 9)));
+    EXPECT_EQ(dump(publisher.read()), "E0 00");
+    EXPECT_TRUE(publisher.closed_somehow());
+    EXPECT_TRUE(eventually([] { return zeb::g_client_mgr.client_count == 0; }));
+    EXPECT_EQ(zeb::g_sub_mgr.sub_count, 0) << "a subscription allowed too late stays not behind";
+}
+
+TEST_F(sdk_callback, a_client_may_be_kicked_from_every_event_about_it) {
+    for (uint32_t kind = MQTT_BROKER_EVENT_CONNECT; kind <= MQTT_BROKER_EVENT_WILL; ++kind) {
+        broker b(10);
+        std::atomic<int> kicks{0};
+        callbacks::get().reset();
+        callbacks::get().set_hook([&](mqtt_broker_instance *instance, const callbacks::event &e) {
+            if (e.kind != kind) return;
+            zeb_sdk_mqtt_broker_kick_client(instance, "c");
+            ++kicks;
+        });
+        zeb_sdk_mqtt_broker_register_event_callback(b.get(), callbacks::on_event);
+        {
+            connect_options options;
+            options.will_topic = "w";
+            mqtt_peer peer;
+            zeb_test::bytes all = zeb_test::connect_packet("c", options);
+            for (const zeb_test::bytes &packet :
+                 {zeb_test::subscribe_packet(7, "t"), publish_packet("t", {0xFF}),
+                  hex("A2 05 00 08 00 01 't'"),
+                  kind == MQTT_BROKER_EVENT_WILL ? zeb_test::bytes{} : hex("E0 00")})
+                all.insert(all.end(), packet.begin(), packet.end());
+            ASSERT_TRUE(peer.send(all));
+            if (kind == MQTT_BROKER_EVENT_WILL) {
+                ASSERT_TRUE(wait_for(MQTT_BROKER_EVENT_UNSUBSCRIBE, 1));
+                peer.reset();
+            }
+            EXPECT_TRUE(eventually([&] { return kicks > 0; })) << kind;
+        }
+        EXPECT_TRUE(eventually([] { return zeb::g_client_mgr.client_count == 0; })) << kind;
+        EXPECT_EQ(zeb::g_sub_mgr.sub_count, 0) << kind;
+        EXPECT_TRUE(mqtt_peer("after").is_served()) << kind;
+    }
 }
 
 TEST_F(sdk_callback, a_client_may_be_kicked_while_its_will_is_told) {
