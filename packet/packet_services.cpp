@@ -122,6 +122,13 @@ void replay_one(mqtt_client *client, const persist_msg &msg, mqtt_publish_para *
     ZEB_LOG(AGENT_LOG_DEBUG, "[packet_handler] 已补发: msgid=%d topic=%s qos=%d", msg_id, msg.topic, msg.qos);
 }
 
+void replay_loaded(mqtt_client *client, const persist_session &session) {
+    ZEB_LOG(AGENT_LOG_INFO, "[packet_handler] 开始补发离线消息: %s 共 %d 条", client->client_id,
+            session.msg_count);
+    mqtt_publish_para record{};
+    for (int i = 0; i < session.msg_count; ++i) replay_one(client, session.msgs[i], &record);
+}
+
 }  // namespace
 
 void packet_handler_restore_offline_msgs(mqtt_client *client) {
@@ -132,12 +139,13 @@ void packet_handler_restore_offline_msgs(mqtt_client *client) {
         ZEB_LOG(AGENT_LOG_DEBUG, "[packet_handler] 无离线消息需要补发: %s", client->client_id);
         return;
     }
-    ZEB_LOG(AGENT_LOG_INFO, "[packet_handler] 开始补发离线消息: %s 共 %d 条", client->client_id,
-            session->msg_count);
-    mqtt_publish_para record{};
-    for (int i = 0; i < session->msg_count; ++i) replay_one(client, session->msgs[i], &record);
-    session->msg_count = 0;
-    persist_mark(session, PERSIST_MSGS);
+    // A load gives the beginning of a long queue only, and others may add to its end meanwhile.
+    constexpr int k_passes_max = 2 * PERSIST_MAX_MSGS;
+    for (int pass = 0; pass < k_passes_max; ++pass) {
+        if (session->msg_count > 0) replay_loaded(client, *session);
+        if (persist_finish_replay(session) <= 0) break;
+        if (!packet_has_stored_session(session, client->client_id)) break;
+    }
     ZEB_LOG(AGENT_LOG_INFO, "[packet_handler] 离线消息补发完成: %s，已清空离线消息", client->client_id);
 }
 

@@ -11,6 +11,7 @@
 #include "persist/persist_file.h"
 #include "persist/persist_internal.h"
 #include "persist/persist_text.h"
+#include "stats/mqtt_stats.h"
 
 namespace zeb {
 
@@ -34,9 +35,14 @@ persist_session *queue_record(const char *client_id) {
     return s_queue;
 }
 
+int report_unknown(const persist_session &rec) {
+    ZEB_LOG(AGENT_LOG_ERROR, "[persist] offline messages unknown, left as they are: %s", rec.client_id);
+    return -4;
+}
+
 bool load_queue(persist_session *rec) {
     if (persist_load_files(rec, queue_extent::whole).queue_known) return true;
-    ZEB_LOG(AGENT_LOG_ERROR, "[persist] offline messages unknown, left as they are: %s", rec->client_id);
+    (void)report_unknown(*rec);
     return false;
 }
 
@@ -64,6 +70,37 @@ void drop_oldest(persist_session *rec) {
     --rec->msg_count;
     std::memmove(&rec->msgs[0], &rec->msgs[1],
                  static_cast<std::size_t>(rec->msg_count) * sizeof(persist_msg));
+}
+
+// A load cuts the end of a long payload, and nothing else of a message that it gives.
+bool is_copy(const persist_msg &stored, const persist_msg &loaded) {
+    return stored.msgid == loaded.msgid && stored.qos == loaded.qos &&
+           std::strcmp(stored.topic, loaded.topic) == 0 && stored.payload_len >= loaded.payload_len &&
+           std::memcmp(stored.payload, loaded.payload, loaded.payload_len) == 0;
+}
+
+// Of equal messages each takes one out. Returns how many were.
+int take_out(persist_session *queue, const persist_session &replayed) {
+    bool used[PERSIST_MAX_MSGS] = {};
+    const int count = queue->msg_count;
+    const int copies = persist_msg_count(replayed);
+    int kept = 0;
+    for (int i = 0; i < count; ++i) {
+        const persist_msg &msg = queue->msgs[i];
+        int copy = 0;
+        while (copy < copies && (used[copy] || !is_copy(msg, replayed.msgs[copy]))) ++copy;
+        if (copy == copies) {
+            if (kept != i) queue->msgs[kept] = msg;
+            ++kept;
+            continue;
+        }
+        used[copy] = true;
+        if (msg.payload_len > replayed.msgs[copy].payload_len)
+            ZEB_LOG(AGENT_LOG_WARN, "[persist] payload cut: client=%s, msgid=%d, %u of %u bytes",
+                    queue->client_id, msg.msgid, replayed.msgs[copy].payload_len, msg.payload_len);
+    }
+    queue->msg_count = kept;
+    return count - kept;
 }
 
 }  // namespace
@@ -108,6 +145,7 @@ int persist_load_client_only(persist_session *rec) {
     file_text file;
     file.read(path, 0);
     if (!file.opened()) return -4;
+    mqtt_stats_inc_persist_read();
     rec->clean_session = 0;
     return 0;
 }
@@ -150,6 +188,23 @@ int persist_remove_offline_msg(const char *client_id, uint16_t msgid) {
     rec->msg_count = static_cast<int>(kept - rec->msgs);
     persist_flush_single(rec, PERSIST_MSGS);
     return 0;
+}
+
+int persist_finish_replay(const persist_session *replayed) {
+    if (replayed == nullptr || replayed->client_id[0] == '\0') return -1;
+    const std::lock_guard files(s_client_files);
+    persist_session *rec = queue_record(replayed->client_id);
+    if (rec == nullptr) return -5;
+    const load_result now = persist_load_queue(rec, queue_extent::whole);
+    if (!now.queue_known) return report_unknown(*rec);
+    if (!now.found) return 0;  // the session has ended meanwhile
+    if (take_out(rec, *replayed) == 0) {
+        // Newer messages have pushed them out meanwhile, and a load gives others now. If it does not, what is
+        // left can never be given.
+        if (!persist_load_queue(rec, queue_extent::client).queue_known) return report_unknown(*rec);
+        if (rec->msg_count > 0) return rec->msg_count;
+    }
+    return persist_write_files(*rec, PERSIST_MSGS) ? rec->msg_count : -2;
 }
 
 }  // namespace zeb

@@ -78,6 +78,11 @@ int persist_remove(const char *client_id);           // 0; -1 null; -5 out of me
 void persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int len,
                              int qos);
 int persist_remove_offline_msg(const char *client_id, uint16_t msgid);  // 0; -1; -4
+// `replayed` is what persist_load has given of a client's offline messages, which are on their way to it now.
+// Takes them out of the queue and writes it, the messages included that have come since, or that the load had
+// no room for. What no load can give goes as well. Returns how many are left, for the next load; negative
+// when they stay: -1 bad argument; -2 not written; -4 not readable; -5 out of memory.
+int persist_finish_replay(const persist_session *replayed);
 void persist_load_all_persisted_subscriptions();
 int persist_retain_save();  // 0; -2 cannot create the file
 int persist_retain_load();  // 0; -4 no file

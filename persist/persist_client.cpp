@@ -9,6 +9,7 @@
 #include "persist/persist_file.h"
 #include "persist/persist_parse.h"
 #include "persist/persist_text.h"
+#include "stats/mqtt_stats.h"
 
 namespace zeb {
 
@@ -28,11 +29,17 @@ bool fits(int len) {
     return len > 0 && static_cast<std::size_t>(len) < PERSIST_PATH_SIZE;
 }
 
+// Opened is read, for the statistics.
+void read_counted(const char *path, std::size_t limit, file_text *file) {
+    file->read(path, limit);
+    if (file->opened()) mqtt_stats_inc_persist_read();
+}
+
 bool load_session(persist_session *rec) {
     char path[PERSIST_PATH_SIZE];
     if (!persist_client_path(persist_dir::session, persist_field(rec->client_id), path)) return false;
     file_text file;
-    file.read(path, k_session_read_max);
+    read_counted(path, k_session_read_max, &file);
     persist_parse_session(file.text(), rec);
     return file.opened();
 }
@@ -41,7 +48,7 @@ bool load_subs(persist_session *rec) {
     char path[PERSIST_PATH_SIZE];
     if (!persist_client_path(persist_dir::subscription, persist_field(rec->client_id), path)) return false;
     file_text file;
-    file.read(path, k_subs_read_max);
+    read_counted(path, k_subs_read_max, &file);
     if (!file.opened() || file.failed()) return file.opened();
     std::string_view text = file.text();
     rec->sub_count = 0;
@@ -52,35 +59,38 @@ bool load_subs(persist_session *rec) {
     return true;
 }
 
-void parse_msgs(std::string_view text, std::size_t object_max, persist_session *rec) {
+std::size_t file_limit(queue_extent extent) {
+    return extent == queue_extent::whole ? PERSIST_QUEUE_TEXT_MAX : k_msgs_read_max;
+}
+
+// False without the list.
+bool parse_msgs(std::string_view text, queue_extent extent, persist_session *rec) {
+    const std::size_t object_max =
+        extent == queue_extent::whole ? PERSIST_QUEUE_TEXT_MAX : PERSIST_OBJECT_MAX;
     rec->msg_count = 0;
-    if (!persist_skip_past(&text, "\"msgs\":[")) {
-        ZEB_LOG(AGENT_LOG_WARN, "[persist][定位] 消息格式错误：找不到 msgs 节点");
-        return;
-    }
+    if (!persist_skip_past(&text, "\"msgs\":[")) return false;
     while (rec->msg_count < PERSIST_MAX_MSGS &&
            persist_take_msg(&text, object_max, &rec->msgs[rec->msg_count]))
         ++rec->msg_count;
+    return true;
 }
 
 load_result load_msgs(persist_session *rec, queue_extent extent) {
-    const bool whole = extent == queue_extent::whole;
     char path[PERSIST_PATH_SIZE];
     file_text file;
     if (persist_client_path(persist_dir::message, persist_field(rec->client_id), path))
-        file.read(path, whole ? PERSIST_QUEUE_TEXT_MAX : k_msgs_read_max);
+        read_counted(path, file_limit(extent), &file);
     if (!file.opened()) ZEB_LOG(AGENT_LOG_DEBUG, "[persist][定位] 无离线消息文件：%s", path);
-    if (file.opened() && !file.failed())
-        parse_msgs(file.text(), whole ? PERSIST_QUEUE_TEXT_MAX : PERSIST_OBJECT_MAX, rec);
+    if (file.opened() && !file.failed() && !parse_msgs(file.text(), extent, rec))
+        ZEB_LOG(AGENT_LOG_WARN, "[persist][定位] 消息格式错误：找不到 msgs 节点");
     return {file.opened(), !file.failed()};
 }
 
-void write_file(persist_dir dir, const persist_session &rec, const char *text) {
+bool write_file(persist_dir dir, const persist_session &rec, const char *text) {
     char path[PERSIST_PATH_SIZE];
-    if (persist_client_path(dir, persist_field(rec.client_id), path))
-        persist_safe_write(path, text);
-    else
-        ZEB_LOG(AGENT_LOG_ERROR, "[persist] 写入临时文件失败(重试%d次): %s.tmp", k_write_attempts, path);
+    if (persist_client_path(dir, persist_field(rec.client_id), path)) return persist_replace_file(path, text);
+    ZEB_LOG(AGENT_LOG_ERROR, "[persist] 写入临时文件失败(重试%d次): %s.tmp", k_write_attempts, path);
+    return false;
 }
 
 }  // namespace
@@ -109,6 +119,16 @@ load_result persist_load_files(persist_session *rec, queue_extent extent) {
     return {session || subs || msgs.found, msgs.queue_known};
 }
 
+load_result persist_load_queue(persist_session *rec, queue_extent extent) {
+    char path[PERSIST_PATH_SIZE];
+    file_text file;
+    if (persist_client_path(persist_dir::message, persist_field(rec->client_id), path))
+        file.read(path, file_limit(extent));
+    rec->msg_count = 0;
+    if (file.opened() && !file.failed()) (void)parse_msgs(file.text(), extent, rec);  // none is empty
+    return {file.opened(), !file.failed()};
+}
+
 void persist_remove_files(std::string_view client_id) {
     for (const persist_dir dir : PERSIST_DIRS) {
         char path[PERSIST_PATH_SIZE];
@@ -117,31 +137,37 @@ void persist_remove_files(std::string_view client_id) {
 }
 
 void persist_flush_single(const persist_session *rec, int kinds) {
-    if (rec == nullptr || rec->clean_session != 0) return;
-    const std::size_t base = persist_text_base(*rec, kinds);
+    if (rec != nullptr) (void)persist_write_files(*rec, kinds);  // has reported its failure
+}
+
+bool persist_write_files(const persist_session &rec, int kinds) {
+    if (rec.clean_session != 0) return true;
+    const std::size_t base = persist_text_base(rec, kinds);
     const std::size_t size = base + PERSIST_TEXT_SPARE;
     char *buf = static_cast<char *>(std::malloc(size));
     if (buf == nullptr) {
         ZEB_LOG(AGENT_LOG_ERROR, "[persist] 内存分配失败");
-        return;
+        return false;
     }
+    bool written = true;
     if ((kinds & PERSIST_SESSION) != 0) {
         text_writer text(buf, size);
-        persist_format_session(*rec, &text);
-        write_file(persist_dir::session, *rec, buf);
+        persist_format_session(rec, &text);
+        written = write_file(persist_dir::session, rec, buf);
     }
     // With no subscriptions the old file stays.
-    if ((kinds & PERSIST_SUBS) != 0 && rec->sub_count > 0) {
+    if ((kinds & PERSIST_SUBS) != 0 && rec.sub_count > 0) {
         text_writer text(buf, size);
-        persist_format_subs(*rec, &text);
-        write_file(persist_dir::subscription, *rec, buf);
+        persist_format_subs(rec, &text);
+        written = write_file(persist_dir::subscription, rec, buf) && written;
     }
     if ((kinds & PERSIST_MSGS) != 0) {
         text_writer text(buf, size);
-        persist_format_msgs(*rec, base, &text);
-        write_file(persist_dir::message, *rec, buf);
+        persist_format_msgs(rec, base, &text);
+        written = write_file(persist_dir::message, rec, buf) && written;
     }
     std::free(buf);
+    return written;
 }
 
 }  // namespace zeb

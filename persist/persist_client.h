@@ -34,6 +34,12 @@ struct load_result {
 };
 load_result persist_load_files(persist_session *rec, queue_extent extent);
 
+// The offline messages alone, as a second look that is neither counted nor logged.
+load_result persist_load_queue(persist_session *rec, queue_extent extent);
+
+// persist_flush_single, which tells as well whether every file was written that had to be.
+bool persist_write_files(const persist_session &rec, int kinds);
+
 void persist_remove_files(std::string_view client_id);
 
 }  // namespace zeb

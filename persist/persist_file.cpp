@@ -136,7 +136,6 @@ void file_text::read(const char *path, std::size_t limit) {
         return;
     }
     opened_ = true;
-    mqtt_stats_inc_persist_read();
     struct stat info;
     if (fstat(file.get(), &info) == 0) limit = std::min(limit, static_cast<std::size_t>(info.st_size));
     data_ = static_cast<char *>(std::malloc(limit + 1));
@@ -155,30 +154,35 @@ void file_text::read(const char *path, std::size_t limit) {
 }
 
 void persist_safe_write(const char *path, const char *text) {
+    (void)persist_replace_file(path, text);  // has reported its failure
+}
+
+bool persist_replace_file(const char *path, const char *text) {
     if (path == nullptr || *path == '\0' || text == nullptr) {
         ZEB_LOG(AGENT_LOG_ERROR, "[persist] 安全写入失败：参数为空");
-        return;
+        return false;
     }
     char temporary[k_path_size + k_temporary_suffix.size()];
     int fd = -1;
     if (!temporary_path(path, temporary) ||
         !attempt([&] { return (fd = create_temporary(temporary)) >= 0; })) {
         ZEB_LOG(AGENT_LOG_ERROR, "[persist] 写入临时文件失败(重试%d次): %s", k_attempts, temporary);
-        return;
+        return false;
     }
     file_handle file(fd);
     if (!write_temporary(&file, text)) {
         ZEB_LOG(AGENT_LOG_ERROR, "[persist] write failed, the old file stays: %s, errno=%d", path, errno);
         (void)unlink(temporary);  // the next start removes it otherwise
-        return;
+        return false;
     }
     (void)attempt([&] { return unlink(path) == 0; });  // usually there is none; the rename tells
     if (attempt([&] { return rename(temporary, path) == 0; })) {
         mqtt_stats_inc_persist_write();
-        return;
+        return true;
     }
     ZEB_LOG(AGENT_LOG_ERROR, "[persist] 重命名失败: %s", path);
     (void)unlink(temporary);
+    return false;
 }
 
 void persist_finish_writes(const char *directory) {

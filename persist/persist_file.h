@@ -61,6 +61,9 @@ class file_text {
     bool failed_ = false;
 };
 
+// persist_safe_write, which tells as well whether the file has the text now.
+bool persist_replace_file(const char *path, const char *text);
+
 // Settles what a crash has left in a directory: a complete temporary file whose file is gone takes its place,
 // every other temporary file is removed.
 void persist_finish_writes(const char *directory);

@@ -40,8 +40,7 @@ TEST_F(packet_sessions, a_stored_session_comes_back_after_its_connack_with_retai
     EXPECT_EQ(dumped({hex("20 02 01 00"), publish_packet("b", "rb", 0, 0, 1),
                       publish_packet("a/1", "ra", 0, 0, 1)}),
               sent(client));
-    EXPECT_EQ(texts({"register x 11 1 b one", "register x 12 2 a/1 two", "mark x 4 subs=2 msgs=0 will=0"}),
-              calls());
+    EXPECT_EQ(texts({"register x 11 1 b one", "register x 12 2 a/1 two", "finish x 2"}), calls());
     EXPECT_EQ(2, live_subscriptions("x"));
     EXPECT_TRUE(in_order(log.text(), {"[INFO] [会话] 加载客户端持久化数据成功: x, 订阅数=2, 离线消息数=2\n",
                                       "[INFO] [恢复] 订阅: b QoS=1 → 内存订阅表\n",
@@ -345,7 +344,7 @@ TEST_F(packet_sessions, a_stored_message_with_identifier_0_gets_one_of_a_single_
     const std::string first = std::to_string(ids.draw());
     const std::string second = std::to_string(ids.draw());
     EXPECT_EQ(texts({"register x " + first + " 1 t one", "register x 9 0 t none",
-                     "register x " + second + " 2 t two", "mark x 4 subs=0 msgs=0 will=0"}),
+                     "register x " + second + " 2 t two", "finish x 3"}),
               calls());
     EXPECT_TRUE(log.has("DEBUG", "[packet_handler] 修复离线消息 MsgID=0 → 新 MsgID=" + first));
 }

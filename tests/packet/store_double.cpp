@@ -73,6 +73,14 @@ int remove_double(const char *id) {
     return 0;
 }
 
+int finish_replay_double(const zeb::persist_session *replayed) asm(
+    "__wrap__ZN3zeb21persist_finish_replayEPKNS_15persist_sessionE");
+int finish_replay_double(const zeb::persist_session *replayed) {
+    note("finish " + std::string(replayed->client_id) + " " + std::to_string(replayed->msg_count));
+    store().sessions[replayed->client_id].messages.clear();
+    return 0;
+}
+
 void add_offline_double(const char *id, const char *topic, const uint8_t *payload, int len,
                         int qos) asm("__wrap__ZN3zeb23persist_add_offline_msgEPKcS1_PKhii");
 void add_offline_double(const char *id, const char *topic, const uint8_t *payload, int len, int qos) {

@@ -74,6 +74,7 @@ TEST_F(faults, an_unreadable_queue_is_not_overwritten) {
                   obey_file_modes();
                   add_offline("c", "t", "new");
                   EXPECT_EQ(zeb::persist_remove_offline_msg("c", 1), -4);
+                  EXPECT_EQ(zeb::persist_finish_replay(new_record("c").get()), -4);
                   EXPECT_EQ(loaded("c")->msg_count, 0);
               }),
               0);

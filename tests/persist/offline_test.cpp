@@ -160,4 +160,75 @@ TEST_F(offline, a_new_file_waits_for_the_removal_of_the_old_one_in_vain) {
     EXPECT_EQ(clock_.slept_us(), 20000u);
 }
 
+TEST_F(offline, the_end_of_a_replay_takes_out_what_was_loaded_and_keeps_the_rest) {
+    record_ptr rec = new_record("c");
+    int payload = 0;
+    for (const uint16_t id : {3, 1, 3, 2, 3})
+        zeb_test::push_msg(rec.get(), id, "t", std::to_string(++payload), 1);
+    zeb::persist_mark(rec.get(), zeb::PERSIST_MSGS);
+    rec->msg_count = 3;
+    const uint64_t reads_before = reads();
+    EXPECT_EQ(zeb::persist_finish_replay(rec.get()), 2);
+    EXPECT_EQ(stored("c"), (std::vector<std::string>{hex_of("4"), hex_of("5")}));
+    EXPECT_EQ(reads(), reads_before);
+    rec->msg_count = 5;
+    EXPECT_EQ(zeb::persist_finish_replay(rec.get()), 0);
+    EXPECT_EQ(file_content(msgs_file("c")), R"({"msgs":[]})");
+}
+
+TEST_F(offline, of_equal_messages_the_end_of_a_replay_takes_out_as_many_as_were_loaded) {
+    record_ptr rec = new_record("c");
+    for (int i = 0; i < 3; ++i) zeb_test::push_msg(rec.get(), 3, "t", "p", 1);
+    zeb::persist_mark(rec.get(), zeb::PERSIST_MSGS);
+    rec->msg_count = 2;
+    EXPECT_EQ(zeb::persist_finish_replay(rec.get()), 1);
+    EXPECT_EQ(stored("c").size(), 1u);
+}
+
+TEST_F(offline, the_end_of_a_replay_of_other_messages_changes_nothing_that_a_load_gives) {
+    add_offline("c", "t", "p");
+    const std::string before = file_content(msgs_file("c"));
+    record_ptr rec = loaded("c");
+    struct row {
+        uint16_t msgid;
+        const char *topic;
+        const char *payload;
+        uint8_t qos;
+    };
+    const auto id = rec->msgs[0].msgid;
+    const row rows[] = {{static_cast<uint16_t>(id ^ 1), "t", "p", 1},
+                        {id, "u", "p", 1},
+                        {id, "t", "q", 1},
+                        {id, "t", "pp", 1},
+                        {id, "t", "p", 2}};
+    for (const row &r : rows) {
+        rec->msg_count = 0;
+        zeb_test::push_msg(rec.get(), r.msgid, r.topic, r.payload, r.qos);
+        EXPECT_EQ(zeb::persist_finish_replay(rec.get()), 1);
+        EXPECT_EQ(file_content(msgs_file("c")), before);
+    }
+}
+
+TEST_F(offline, what_no_load_gives_goes_with_the_end_of_a_replay) {
+    put_file(msgs_file("c"), R"({"msgs":[{"filler":")" + std::string(5000, ' ') +
+                                 R"(","msgid":3,"qos":1,"topic":"t","payload":"61"}]})");
+    EXPECT_EQ(zeb::persist_finish_replay(loaded("c").get()), 0);
+    EXPECT_EQ(file_content(msgs_file("c")), R"({"msgs":[]})");
+}
+
+TEST_F(offline, the_end_of_a_replay_refuses_bad_arguments_and_makes_no_file) {
+    EXPECT_EQ(zeb::persist_finish_replay(nullptr), -1);
+    EXPECT_EQ(zeb::persist_finish_replay(new_record("").get()), -1);
+    EXPECT_EQ(zeb::persist_finish_replay(new_record("c").get()), 0);
+    EXPECT_EQ(zeb_test::tree(root_).size(), 3u);
+}
+
+TEST_F(offline, the_end_of_a_replay_tells_when_it_cannot_be_written) {
+    add_offline("c", "t", "p");
+    const record_ptr rec = loaded("c");
+    fs::create_directories(msgs_file("c").string() + ".tmp/in the way");
+    EXPECT_EQ(zeb::persist_finish_replay(rec.get()), -2);
+    EXPECT_EQ(stored("c").size(), 1u);
+}
+
 }  // namespace
