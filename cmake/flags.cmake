@@ -8,9 +8,16 @@ if(ZEB_SANITIZE)
                                                -fno-omit-frame-pointer)
     target_link_options(zeb_flags INTERFACE -fsanitize=${ZEB_SANITIZE})
 else()
-    target_compile_options(zeb_flags INTERFACE -fstack-protector-strong
-                                               $<$<CONFIG:Release>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
-    target_link_options(zeb_flags INTERFACE -Wl,-z,relro,-z,now)
+    # Level 3 of fortification needs a compiler and a C library that know it; others warn and fall back to 2.
+    include(CheckCXXSourceCompiles)
+    set(CMAKE_REQUIRED_FLAGS "-O2 -Werror -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3")
+    check_cxx_source_compiles("#include <cstring>\nint main() { return 0; }" ZEB_FORTIFY_LEVEL_3)
+    unset(CMAKE_REQUIRED_FLAGS)
+    set(fortify $<IF:$<BOOL:${ZEB_FORTIFY_LEVEL_3}>,3,2>)
+    target_compile_options(
+        zeb_flags INTERFACE -fstack-protector-strong -fstack-clash-protection
+                            $<$<CONFIG:Release>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=${fortify}>)
+    target_link_options(zeb_flags INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack)
 endif()
 
 # The library throws nothing and asks nobody's run-time type.

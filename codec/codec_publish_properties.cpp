@@ -34,10 +34,13 @@ kind kind_of(uint8_t id) noexcept {
     return kind::none;
 }
 
-bool skip_text(byte_reader *r) noexcept {
-    uint16_t len = 0;
-    const uint8_t *text = nullptr;
-    return r->be16(&len) && r->bytes(len, &text);
+bool skip_texts(byte_reader *r, int count) noexcept {
+    for (int i = 0; i < count; ++i) {
+        uint16_t len = 0;
+        const uint8_t *text = nullptr;
+        if (!r->be16(&len) || !r->bytes(len, &text)) return false;
+    }
+    return true;
 }
 
 // `number` receives the value of a property that is one.
@@ -53,9 +56,9 @@ bool read_value(byte_reader *r, kind value, uint32_t *number) noexcept {
         case kind::varint:
             return r->varint(&ignored);
         case kind::text:
-            return skip_text(r);
+            return skip_texts(r, 1);
         case kind::text_pair:
-            return skip_text(r) && skip_text(r);
+            return skip_texts(r, 2);
         case kind::none:
             return false;
     }
