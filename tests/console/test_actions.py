@@ -9,6 +9,7 @@ from console_process import MENU, NO_BROKER, PUBLISHED, STARTED, STOPPED
 from mqtt_wire import DISCONNECT, publish, string, subscribe, unhex, unsubscribe
 
 SEPARATOR = "=" * 53 + "\n"
+STEPS = "[OK] 创建 Broker 实例成功\n[OK] 注册回调成功\n[OK] 参数配置完成\n[OK] Broker 初始化成功\n"
 ASIDE = re.compile(r"\[(\d{4}-\d\d-\d\d|APP-)[^\n]*\n")  # the log and the callbacks
 STATS_BLOCK = re.compile("\n%s📊 周期统计 \\| 在线:\\d+ \\| 消息:\\d+ \\| 订阅:\\d+ \\| 运行:\\d+秒\n%s" % (
     SEPARATOR, SEPARATOR))
@@ -26,7 +27,7 @@ def event(name, client_id, topic="", qos=0):
 
 
 def test_starting_reports_every_step_in_order(console):
-    assert result_of(console, 1) == ("[OK] 创建 Broker 实例成功\n[OK] 注册回调成功\n[OK] 参数配置完成\n[OK] Broker 初始化成功\n" + STARTED)
+    assert result_of(console, 1) == STEPS + STARTED
     console.choose(0)
     console.check_end()
 
@@ -51,8 +52,7 @@ def test_a_taken_port_is_reported_and_leaves_no_broker_behind(console):
         taken.bind(("0.0.0.0", 1883))
         taken.listen()
         steps = result_of(console, 1)
-    assert steps == ("[OK] 创建 Broker 实例成功\n[OK] 注册回调成功\n[OK] 参数配置完成\n[OK] Broker 初始化成功\n"
-                     "[错误] Broker 启动失败（端口被占用？）\n")
+    assert steps == STEPS + "[错误] Broker 启动失败（端口被占用？）\n"
     assert result_of(console, 2) == NO_BROKER
     console.start_broker()
     console.choose(0)

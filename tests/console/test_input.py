@@ -104,7 +104,7 @@ def test_letters_for_a_log_level_are_refused_and_end_the_program(running):
 
 @pytest.mark.parametrize("choice, prompt, failure",
                          WORDS + [(13, "请输入日志级别(0-4)：", "[错误] 无效级别\n")])
-def test_the_end_of_the_input_at_a_question_fails_the_action_and_ends_the_program(running, choice, prompt, failure):
+def test_the_end_of_the_input_at_a_question_ends_the_program(running, choice, prompt, failure):
     running.choose(choice)
     running.expect(prompt)
     running.end_input()
