@@ -12,7 +12,7 @@ class held_sleep {
   public:
     held_sleep() {
         g_held = this;
-        platform_set_clock(&k_clock);
+        platform_set_clock(&table());
     }
     ~held_sleep() {
         platform_set_clock(nullptr);
@@ -47,11 +47,14 @@ class held_sleep {
     }
 
     static inline held_sleep *g_held = nullptr;
-    static constexpr platform_clock k_clock{
-        [] { return uint64_t{75999}; },
-        [] { return uint64_t{1700000000000}; },
-        [](uint64_t us) { g_held->sleep(us); },
-    };
+    static const platform_clock &table() {
+        static const platform_clock clock{
+            [] { return uint64_t{75999}; },
+            [] { return uint64_t{1700000000000}; },
+            [](uint64_t us) { g_held->sleep(us); },
+        };
+        return clock;
+    }
 
     std::mutex lock_;
     std::condition_variable changed_;
