@@ -10,7 +10,8 @@ from mqtt_wire import CONNACK, DISCONNECT, Conn, ack, connect, publish, string, 
 
 FILTERS_PER_CHOOSER = 16
 TOPICS_PER_KEEPER = 12
-ROLLER_TOPICS = 60
+ROLLER_TOPICS = 300  # the more move at once, the likelier the broker dies in between
+ROLLER_BRANCH = 60  # topics of one branch; a client's send queue holds 99 messages
 BATCH = 10
 WILL = 0x04
 CONNACK_PRESENT = b"\x20\x02\x01\x00"
@@ -117,7 +118,7 @@ class Roller(Publisher):
 
 
 def roller_topic(number):
-    return "roll/%d" % number
+    return "roll%d/%d" % (number // ROLLER_BRANCH, number)
 
 
 class Sender(Publisher):
