@@ -7,6 +7,7 @@
 #include "log/agent_log.h"
 #include "log/platform_memory.h"
 #include "log/platform_time.h"
+#include "persist/fair_mutex.h"
 #include "persist/persist_client.h"
 #include "persist/persist_file.h"
 #include "persist/persist_internal.h"
@@ -21,7 +22,7 @@ std::mutex g_persist_mutex;
 namespace {
 
 // Held while files of clients are read or changed, inside g_persist_mutex where both are taken.
-std::mutex s_client_files;
+fair_mutex s_client_files;
 // The record in which a queue is changed: 150 KiB are no matter for a stack. Guarded by s_client_files.
 persist_session *s_queue = nullptr;
 
@@ -165,7 +166,6 @@ void persist_add_offline_msg(const char *client_id, const char *topic, const uin
     persist_msg msg;
     fill_msg(&msg, topic, payload, len, qos);
     if (!persist_msg_reads_back(client_id, msg)) return;
-    const std::lock_guard guard(g_persist_mutex);
     const std::lock_guard files(s_client_files);
     persist_session *rec = queue_record(client_id);
     if (rec == nullptr || !load_queue(rec)) return;
@@ -178,7 +178,6 @@ void persist_add_offline_msg(const char *client_id, const char *topic, const uin
 
 int persist_remove_offline_msg(const char *client_id, uint16_t msgid) {
     if (client_id == nullptr || *client_id == '\0' || msgid == 0) return -1;
-    const std::lock_guard guard(g_persist_mutex);
     const std::lock_guard files(s_client_files);
     persist_session *rec = queue_record(client_id);
     if (rec == nullptr || !load_queue(rec)) return -4;

@@ -10,7 +10,10 @@
 // Locks: g_persist_mutex, then the module's own lock over the clients' files, then g_sub_mgr.lock for the
 // copy of the retained store. Nobody calls persist_* with g_sub_mgr.lock held. Reading and changing a
 // client's files exclude each other, so that nobody meets a file between its removal and its replacement, and
-// of two changes of one queue none is lost. persist_flush_single and persist_safe_write take no lock.
+// of two changes of one queue none is lost. The lock over the clients' files is handed on in the order of
+// arrival: whoever needs it waits for one operation, disk included, of each thread that came before. Those
+// that only write or change a queue do without g_persist_mutex, so that no retained message waits for them.
+// persist_flush_single and persist_safe_write take no lock.
 
 namespace zeb {
 

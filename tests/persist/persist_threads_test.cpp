@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "persist/fair_mutex.h"
 #include "tests/persist/persist_fixture.h"
 
 // Stands in for the system's own: makes the time long in which a file is neither the old nor the new one.
@@ -115,6 +116,49 @@ TEST_F(persist_threads, the_retained_file_is_that_of_the_last_change) {
     EXPECT_GT(expected.size(), 4u);
     restart();
     EXPECT_EQ(zeb_test::retained(), expected);
+}
+
+template <typename condition>
+bool eventually(condition holds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+TEST_F(persist_threads, a_queue_is_changed_while_another_thread_saves_retained_messages) {
+    std::atomic<bool> done{false};
+    std::unique_lock<std::mutex> saving(zeb::g_persist_mutex);
+    std::thread other([&] {
+        add_offline("c", "t", "p");
+        EXPECT_EQ(zeb::persist_remove_offline_msg("c", 1), 0);
+        done.store(true, std::memory_order_relaxed);
+    });
+    EXPECT_TRUE(eventually([&] { return done.load(std::memory_order_relaxed); }));
+    saving.unlock();
+    other.join();
+}
+
+TEST(fair_mutex, goes_to_those_who_wait_before_its_last_holder_has_it_again) {
+    zeb::fair_mutex mutex;
+    std::vector<int> order;
+    std::vector<std::thread> waiting;
+    mutex.lock();
+    for (int i = 1; i <= 3; ++i) {
+        waiting.emplace_back([&, i] {
+            const std::lock_guard<zeb::fair_mutex> guard(mutex);
+            order.push_back(i);
+        });
+        ASSERT_TRUE(eventually([&] { return mutex.users() == static_cast<uint64_t>(i) + 1; }));
+    }
+    mutex.unlock();
+    mutex.lock();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+    mutex.unlock();
+    for (std::thread &thread : waiting) thread.join();
+    EXPECT_EQ(mutex.users(), 0u);
 }
 
 }  // namespace
