@@ -14,6 +14,12 @@ namespace {
 
 constexpr uint32_t k_keepalive_default_ms = 60000;  // what a client that asks for 0 gets
 
+// A newer connection has taken the identifier over, and the files that bear it.
+bool has_successor(const mqtt_client *client, const char *id) {
+    const client_ref holder = client_acquire_by_cid(id);
+    return holder && holder.get() != client;
+}
+
 // A session that CONNECT opened for longer outlives a lost connection by its expiry interval; every other
 // goes at once. After DISCONNECT the packet handler has settled this already.
 void settle_session_expiry(mqtt_client *client, const char *id) {
@@ -21,7 +27,9 @@ void settle_session_expiry(mqtt_client *client, const char *id) {
         client->disconnect_received.load(std::memory_order_relaxed) != 0)
         return;
     const uint32_t interval = client->session_expiry_interval.load(std::memory_order_relaxed);
+    const bool succeeded = has_successor(client, id);
     if (interval == 0) {
+        if (succeeded) return;
         ZEB_LOG(AGENT_LOG_INFO, "[MQTT5] 会话立即删除(expiry=0): %s", id);
         persist_remove(id);
         return;
@@ -30,6 +38,7 @@ void settle_session_expiry(mqtt_client *client, const char *id) {
     client->session_expiry_deadline.store(deadline, std::memory_order_relaxed);
     ZEB_LOG(AGENT_LOG_INFO, "[MQTT5] 会话已设置过期: %s, 剩余=%u秒, 截止=%llu", id, interval,
             static_cast<unsigned long long>(deadline));
+    if (succeeded) return;
     std::lock_guard lock(client->session_lock);
     persist_mark(&client->session, PERSIST_SESSION);
 }

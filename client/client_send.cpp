@@ -17,6 +17,7 @@ namespace {
 
 constexpr uint64_t k_send_poll_us = 10000;
 constexpr uint8_t k_ring_size = CLIENT_SEND_RING_SIZE;
+static_assert(k_ring_size <= NETIP_MAX_GATHER, "a whole ring goes out in one call");
 
 uint8_t next_index(uint8_t index) {
     return static_cast<uint8_t>((index + 1) % k_ring_size);
@@ -117,14 +118,16 @@ void client_send_flush(mqtt_client *client) {
     if (!client_is_online(client) || client->in_use.load(std::memory_order_relaxed) == 0) return;
     client_send_slot *ring = client->send_ring.load(std::memory_order_relaxed);
     if (ring == nullptr) return;
-    const uint32_t handle = client->handle.load(std::memory_order_relaxed);
     uint8_t head = client->send_head.load(std::memory_order_relaxed);
     const uint8_t tail = client->send_tail.load(std::memory_order_relaxed);
-    for (int sent = 0; sent < k_ring_size && head != tail; ++sent) {
-        client_send_slot &slot = ring[head];
-        if (slot.ready == 0) break;
-        if (netip_send(handle, slot.data, static_cast<int>(slot.len)) != NETIP_OK) break;
-        slot.ready = 0;
+    iovec packets[k_ring_size];
+    int count = 0;
+    for (uint8_t i = head; i != tail && ring[i].ready != 0; i = next_index(i))
+        packets[count++] = {ring[i].data, ring[i].len};
+    if (count == 0) return;
+    const int taken = netip_send_packets(client->handle.load(std::memory_order_relaxed), packets, count);
+    for (int i = 0; i < taken; ++i) {
+        ring[head].ready = 0;
         head = next_index(head);
     }
     client->send_head.store(head, std::memory_order_relaxed);

@@ -13,6 +13,7 @@
 #include <netinet/in.h>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <cstdint>
@@ -28,6 +29,7 @@ inline constexpr uint32_t NETIP_RX_BUF_SIZE = 4096;
 inline constexpr int NETIP_MAX_EVENTS = 2048;
 inline constexpr int NETIP_PORT = 1883;
 inline constexpr int NETIP_BACKLOG = 65535;
+inline constexpr int NETIP_MAX_GATHER = 128;
 
 enum netip_event : uint32_t { NETIP_EVENT_CONNECT = 0, NETIP_EVENT_DISCONNECT = 1, NETIP_EVENT_DATA = 2 };
 
@@ -119,6 +121,10 @@ bool netip_in_callback();
  * NETIP_ERR_PARAM.
  */
 int netip_send(netip_handle h, const uint8_t *buf, int len);
+
+// As netip_send for up to NETIP_MAX_GATHER packets, in their order and in one system call over TCP. How many
+// were taken; a packet that was not, and those behind it, are the caller's to send again.
+int netip_send_packets(netip_handle h, const iovec *packets, int count);
 
 // Whether the last netip_send found the socket full and it has not turned writable since. A hint for whoever
 // polls: while it is true a netip_send would most likely be a wasted system call.

@@ -82,6 +82,37 @@ int send_packet(netip_conn &conn, const uint8_t *buf, std::size_t len) {
     return NETIP_OK;
 }
 
+bool is_packet(const iovec &packet) {
+    return packet.iov_base != nullptr && packet.iov_len >= 1 && packet.iov_len <= std::size_t{k_max_packet};
+}
+
+// How many of the packets `sent` bytes reach; the rest of one that is torn is kept.
+int take_sent(netip_conn &conn, const iovec *packets, std::size_t sent) {
+    int taken = 0;
+    for (; sent > 0; ++taken) {
+        const std::size_t len = packets[taken].iov_len;
+        if (sent < len) {
+            keep_unsent(conn, static_cast<const uint8_t *>(packets[taken].iov_base) + sent, len - sent);
+            sent = len;
+        }
+        sent -= len;
+    }
+    return taken;
+}
+
+int send_gathered(netip_conn &conn, const iovec *packets, int count) {
+    if (send_unsent(conn) != NETIP_OK) return 0;
+    msghdr message{};
+    message.msg_iov = const_cast<iovec *>(packets);  // sendmsg changes nothing there
+    message.msg_iovlen = static_cast<std::size_t>(count);
+    ssize_t sent;
+    do {
+        sent = sendmsg(conn.fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0) (void)send_failed(conn);
+    return sent < 1 ? 0 : take_sent(conn, packets, static_cast<std::size_t>(sent));
+}
+
 int send_datagram(const netip_conn &conn, const uint8_t *buf, std::size_t len) {
     ssize_t sent;
     do {
@@ -102,6 +133,22 @@ int netip_send(netip_handle h, const uint8_t *buf, int len) {
     if (conn.in_use.load(std::memory_order_relaxed) == 0) return NETIP_ERR_PARAM;
     const std::size_t size = static_cast<std::size_t>(len);
     return conn.type == NETIP_TYPE_UDP ? send_datagram(conn, buf, size) : send_packet(conn, buf, size);
+}
+
+int netip_send_packets(netip_handle h, const iovec *packets, int count) {
+    if (packets == nullptr || count < 1 || count > NETIP_MAX_GATHER || h >= NETIP_MAX_CONN) return 0;
+    for (int i = 0; i < count; ++i)
+        if (!is_packet(packets[i])) return 0;
+    netip_conn &conn = g_netip_clients[h];
+    if (conn.in_use.load(std::memory_order_relaxed) == 0) return 0;
+    std::lock_guard guard(conn.lock);
+    if (conn.in_use.load(std::memory_order_relaxed) == 0) return 0;
+    if (conn.type == NETIP_TYPE_TCP) return send_gathered(conn, packets, count);
+    int taken = 0;
+    while (taken < count && send_datagram(conn, static_cast<const uint8_t *>(packets[taken].iov_base),
+                                          packets[taken].iov_len) == NETIP_OK)
+        ++taken;
+    return taken;
 }
 
 bool netip_send_blocked(netip_handle h) {

@@ -147,3 +147,81 @@ TEST_F(netip_sending, a_send_ready_callback_is_never_called) {
     EXPECT_EQ(accepted.size(), client.read(accepted.size()).size());
     EXPECT_TRUE(eventually([] { return !netip_send_blocked(0); }));
 }
+
+namespace {
+
+std::vector<iovec> gather(const std::vector<bytes> &packets) {
+    std::vector<iovec> out;
+    for (const bytes &packet : packets) out.push_back({const_cast<uint8_t *>(packet.data()), packet.size()});
+    return out;
+}
+
+int send_all(netip_handle h, const std::vector<bytes> &packets) {
+    return netip_send_packets(h, gather(packets).data(), static_cast<int>(packets.size()));
+}
+
+std::vector<bytes> packets_of(size_t size, int count) {
+    std::vector<bytes> out;
+    for (int i = 0; i < count; ++i) out.push_back(packet_of(size, static_cast<uint8_t>(i)));
+    return out;
+}
+
+bytes joined(const std::vector<bytes> &packets) {
+    bytes out;
+    for (const bytes &packet : packets) out = out + packet;
+    return out;
+}
+
+}  // namespace
+
+TEST_F(netip_sending, gathered_packets_arrive_in_their_order) {
+    const std::vector<bytes> packets = {hex("D0 00"), packet_of(4096, 1), packet_of(70, 2), hex("D0 00")};
+    EXPECT_EQ(4, send_all(0, packets));
+    EXPECT_EQ(dump(joined(packets)), dump(client.read(joined(packets).size())));
+    const std::vector<bytes> many = packets_of(20, NETIP_MAX_GATHER);
+    EXPECT_EQ(NETIP_MAX_GATHER, send_all(0, many));
+    EXPECT_EQ(dump(joined(many)), dump(client.read(joined(many).size())));
+}
+
+TEST_F(netip_sending, gathering_takes_nothing_when_one_argument_is_wrong) {
+    const std::vector<bytes> packets = packets_of(20, 3);
+    std::vector<iovec> good = gather(packets);
+    EXPECT_EQ(0, netip_send_packets(0, nullptr, 1));
+    EXPECT_EQ(0, netip_send_packets(0, good.data(), 0));
+    EXPECT_EQ(0, netip_send_packets(0, good.data(), -1));
+    EXPECT_EQ(0, netip_send_packets(0, good.data(), NETIP_MAX_GATHER + 1));
+    EXPECT_EQ(0, netip_send_packets(1, good.data(), 3)) << "nobody has that handle";
+    EXPECT_EQ(0, netip_send_packets(NETIP_MAX_CONN, good.data(), 3));
+    for (const iovec &bad : {iovec{nullptr, 5}, iovec{good[0].iov_base, 0}, iovec{good[0].iov_base, 4097}}) {
+        std::vector<iovec> spoiled = good;
+        spoiled[2] = bad;
+        EXPECT_EQ(0, netip_send_packets(0, spoiled.data(), 3));
+    }
+    EXPECT_FALSE(client.readable(std::chrono::milliseconds(0)));
+}
+
+TEST_F(netip_sending, a_socket_that_fills_up_tears_no_gathered_packet) {
+    const int size = 4096;
+    ASSERT_EQ(0, setsockopt(socket_of(0), SOL_SOCKET, SO_SNDBUF, &size, sizeof size));
+    bytes accepted;
+    int taken = 0;
+    for (;;) {
+        const std::vector<bytes> packets = packets_of(3001, 10);
+        taken = send_all(0, packets);
+        for (int i = 0; i < taken; ++i) accepted = accepted + packets[static_cast<size_t>(i)];
+        if (taken < 10) break;
+    }
+    EXPECT_TRUE(netip_send_blocked(0));
+    EXPECT_TRUE(output_watched());
+    EXPECT_EQ(0, send_all(0, packets_of(20, 2))) << "nothing passes what is kept";
+    EXPECT_EQ(dump(accepted), dump(client.read(accepted.size())));
+    EXPECT_TRUE(eventually([] { return !netip_send_blocked(0); }));
+    const std::vector<bytes> later = packets_of(20, 2);
+    EXPECT_EQ(2, send_all(0, later));
+    EXPECT_EQ(dump(joined(later)), dump(client.read(40)));
+}
+
+TEST_F(netip_sending, nothing_is_gathered_for_a_closed_connection) {
+    netip_close(0);
+    EXPECT_EQ(0, send_all(0, packets_of(20, 2)));
+}

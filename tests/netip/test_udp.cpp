@@ -104,6 +104,18 @@ TEST_F(netip_udp, sending_answers_with_one_datagram) {
     EXPECT_EQ(answer, peer.receive());
 }
 
+TEST_F(netip_udp, gathered_packets_are_one_datagram_each) {
+    udp_client peer;
+    ASSERT_TRUE(peer.send("C0 00"));
+    (void)wait_events(2);
+    bytes first = hex("D0 00");
+    bytes second = packet_of(1200, 7);
+    const iovec packets[] = {{first.data(), first.size()}, {second.data(), second.size()}};
+    EXPECT_EQ(2, netip_send_packets(1, packets, 2));
+    EXPECT_EQ(first, peer.receive());
+    EXPECT_EQ(second, peer.receive());
+}
+
 TEST_F(netip_udp, closing_a_peer_leaves_the_shared_socket_to_the_others) {
     udp_client closed;
     udp_client other;
