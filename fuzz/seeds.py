@@ -1,0 +1,150 @@
+#!/usr/bin/python3
+"""Write the seed corpora: fuzz/seeds.py [name...]. The files are kept in the tree; this is how they came about.
+
+Inputs have the shape that the fuzzer of that name reads. A corpus that is written again loses no finding: those
+are in fuzz/regressions.
+"""
+import pathlib
+import struct
+import sys
+
+HERE = pathlib.Path(__file__).resolve().parent
+
+
+def varint(value):
+    out = bytearray()
+    while True:
+        out.append(value % 128 | (0x80 if value >= 128 else 0))
+        value //= 128
+        if value == 0:
+            return bytes(out)
+
+
+def text(value):
+    raw = value if isinstance(value, bytes) else value.encode()
+    return struct.pack(">H", len(raw)) + raw
+
+
+def packet(first, body=b""):
+    return bytes([first]) + varint(len(body)) + body
+
+
+def connect(client_id, level=4, flags=0x02, keep_alive=60, properties=b"", rest=b""):
+    body = text("MQTT") + bytes([level, flags]) + struct.pack(">H", keep_alive)
+    if level == 5:
+        body += varint(len(properties)) + properties
+    return packet(0x10, body + text(client_id) + rest)
+
+
+def publish(topic, payload=b"", qos=0, packet_id=0, flags=0, properties=None):
+    body = text(topic)
+    if qos:
+        body += struct.pack(">H", packet_id)
+    if properties is not None:
+        body += varint(len(properties)) + properties
+    return packet(0x30 | qos << 1 | flags, body + payload)
+
+
+def subscribe(packet_id, filters, level=4, properties=b""):
+    body = struct.pack(">H", packet_id)
+    if level == 5:
+        body += varint(len(properties)) + properties
+    return packet(0x82, body + b"".join(text(f) + bytes([q]) for f, q in filters))
+
+
+def unsubscribe(packet_id, filters, level=4, properties=b""):
+    body = struct.pack(">H", packet_id)
+    if level == 5:
+        body += varint(len(properties)) + properties
+    return packet(0xA2, body + b"".join(text(f) for f in filters))
+
+
+def golden_packets():
+    """(level, packet) of every type, as clients and brokers write them."""
+    will = text("will/t") + text("gone")
+    long_will = text("w" * 256) + text("p" * 2000)
+    yield 4, connect("a")
+    yield 4, connect("", flags=0x02)
+    yield 4, connect("persistent", flags=0x00)
+    yield 4, connect("w", flags=0x26 | 0x08, rest=will)
+    yield 4, connect("u", flags=0xC2, rest=text("user") + text("secret"))
+    yield 4, connect("big", flags=0xC6, rest=long_will + text("u" * 64) + text("p" * 64))
+    yield 5, connect("a", 5)
+    yield 5, connect("five", 5, 0x00, properties=bytes.fromhex("11 0000003c 27 00001000 21 0010 22 0005 19 01 1a 01"))
+    yield 5, connect("five", 5, 0x06, properties=bytes.fromhex("27 00000800"),
+                     rest=bytes.fromhex("0a 18 00000005 02 0000000a") + will)
+    yield 5, connect("x" * 70, 5, properties=bytes.fromhex("26 0001 61 0001 62"))
+    yield 5, connect("u", 5, 0xC0, rest=text("user") + text("secret"))
+    for level, raw in ((4, "20 02 00 00"), (4, "20 02 01 00"), (5, "20 0b 01 00 08 21 ffff 27 00001000"),
+                       (5, "20 0a 00 86 07 10 0000003c 22 0005"), (5, "20 05 00 00 02 99 00")):
+        yield level, bytes.fromhex(raw)
+    yield 4, publish("a/b", b"payload")
+    yield 4, publish("a/b", b"", flags=1)
+    yield 4, publish("a/b", b"hello", 1, 10)
+    yield 4, publish("t" * 256, b"x" * 400, 2, 65535, 8)
+    yield 5, publish("a/b", b"payload", properties=b"")
+    yield 5, publish("a/b", b"p", 1, 7, properties=bytes.fromhex("02 00000005"))
+    yield 5, publish("a/b", b"p", 2, 8, properties=bytes.fromhex("23 0001 01 01"))
+    yield 5, publish("a", b"p", properties=bytes.fromhex("03 0001 74 08 0001 72 09 0001 63 0b 05 26 0001 6b 0001 76"))
+    for first in (0x40, 0x50, 0x62, 0x70, 0xB0):
+        yield 4, packet(first, b"\x00\x0a")
+        yield 5, packet(first, b"\x00\x0a\x10")
+        yield 5, packet(first, b"\x00\x0a\x00\x05\x1f\x00\x02ok")
+    yield 4, packet(0x90, b"\x00\x0a\x00\x01\x80")
+    yield 5, packet(0x90, b"\x00\x0a\x00\x00\x01\x02")
+    yield 4, subscribe(10, [("a/+", 1)])
+    yield 4, subscribe(11, [("f%d" % i, i % 3) for i in range(17)])
+    yield 4, subscribe(12, [("$share/g/a/#", 2), ("t" * 256, 0)])
+    yield 5, subscribe(13, [("a/b", 2)], 5, bytes.fromhex("0b 05 26 01 27 02"))
+    yield 5, subscribe(14, [("#", 0)], 5, bytes.fromhex("1f 02 6f 6b"))
+    yield 4, unsubscribe(10, ["a/+", "b"])
+    yield 4, unsubscribe(11, [])
+    yield 5, unsubscribe(12, ["a/b"], 5, bytes.fromhex("0b 05"))
+    yield 5, unsubscribe(13, ["x"] * 17, 5, bytes.fromhex("26 01"))
+    for level, raw in ((4, "c0 00"), (4, "d0 00"), (4, "e0 00"), (5, "e0 02 00 00"), (5, "e0 07 8e 05 10 0000003c"),
+                       (5, "e0 0c 04 0a 1f 0002 6f6b 26 0002 6b76"), (4, "c0 80 80 00"), (4, "f0 00")):
+        yield level, bytes.fromhex(raw)
+
+
+def block(raw):
+    raw = raw if isinstance(raw, bytes) else raw.encode()
+    return (bytes([len(raw)]) if len(raw) < 255 else b"\xff" + struct.pack(">H", len(raw))) + raw
+
+
+def codec_seeds():
+    for level, raw in golden_packets():
+        mode = 0 if level == 4 else 1
+        yield bytes([mode]) + raw
+        if raw[0] >> 4 in (3, 4, 9, 14):
+            yield bytes([mode | 4]) + raw
+    for mode in (8, 9):  # records
+        yield bytes([mode, 0, 0x1E]) + struct.pack(">HIHHIBB", 60, 60, 16, 5, 4096, 1, 1) + block("id") + bytes(
+            [1]) + struct.pack(">II", 5, 10) + block("will/t") + block("gone") + block("user") + block("secret")
+        yield bytes([mode, 1]) + struct.pack(">BBIHHI", 1, 0, 60, 65535, 5, 4096)
+        yield bytes([mode, 2, 0x05]) + struct.pack(">HIH", 10, 5, 0) + block("a/b") + block("payload")
+        yield bytes([mode, 2, 0x00]) + struct.pack(">HIH", 0, 0, 0) + block("t" * 256) + block("x" * 1900)
+        yield bytes([mode, 3]) + struct.pack(">HIB", 10, 5, 3) + b"".join(
+            bytes([q]) + block(f) for q, f in ((0, "a"), (1, ""), (2, "b/#")))
+        yield bytes([mode, 4]) + struct.pack(">HBB", 10, 11, 2) + block("a") + block("b")
+        yield bytes([mode, 5, 0x8E]) + struct.pack(">I", 60) + block("reason") + block("property")
+        for kind in range(6):
+            yield bytes([mode, 6 | kind << 4]) + struct.pack(">HBB", 10, 0, 2) + bytes([0, 1])
+        yield bytes([mode, 7 | 14 << 4])
+    yield bytes([16, 0, 0x10, 0x00, 0x01, 0x41])
+
+
+SEEDS = {"codec": codec_seeds}
+
+
+def main(names):
+    for name in names or SEEDS:
+        folder = HERE / "corpus" / name
+        folder.mkdir(parents=True, exist_ok=True)
+        for old in folder.iterdir():
+            old.unlink()
+        for number, raw in enumerate(SEEDS[name]()):
+            (folder / ("%03d" % number)).write_bytes(raw)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])
