@@ -31,10 +31,20 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb_mqtt_broker-config.cmake
         DESTINATION ${package_dir} COMPONENT dev)
 
 # pkg-config zeb_mqtt_broker. The prefix is found from the file's own place, so that a tree that was installed
-# or unpacked elsewhere works too.
+# or unpacked elsewhere works too; directories that are given as absolute ones cannot move.
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-file(RELATIVE_PATH pc_prefix /prefix/${pc_dir} /prefix)
-string(REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}")
+if(IS_ABSOLUTE ${pc_dir})
+    set(pc_prefix ${CMAKE_INSTALL_PREFIX})
+else()
+    file(RELATIVE_PATH pc_prefix /prefix/${pc_dir} /prefix)
+    string(REGEX REPLACE "/$" "" pc_prefix "\${pcfiledir}/${pc_prefix}")
+endif()
+foreach(dir LIBDIR INCLUDEDIR)
+    set(pc_${dir} ${CMAKE_INSTALL_${dir}})
+    if(NOT IS_ABSOLUTE ${pc_${dir}})
+        set(pc_${dir} "\${prefix}/${pc_${dir}}")
+    endif()
+endforeach()
 configure_file(cmake/zeb_mqtt_broker.pc.in zeb_mqtt_broker.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb_mqtt_broker.pc DESTINATION ${pc_dir} COMPONENT dev)
 
