@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from data_dir_host import CONNACK_PRESENT, DATA, KINDS, Host, lay_bait, snapshot
+from data_dir_host import CONNACK_PRESENT, DATA, KINDS, Host, cannot_write, lay_bait, snapshot
 from mqtt_wire import CONNACK
 
 SPARSE_BYTES = 1 << 30
@@ -111,6 +111,26 @@ def test_hostile_temporary_file(host, what):
         assert sorted(os.listdir(str(host.data / kind))) == expected
         assert (host.data / kind / "p.json").read_text() == '{"subs":[{"topic":"t","qos":1}]}'
     host.visit("p", answer=CONNACK_PRESENT)
+    host.check_service()
+    host.stop()
+    assert snapshot(host.tree, [str(host.data)]) == outside
+
+
+@pytest.mark.parametrize("what", ["fifo", "symlink", "dangling_symlink", "junk", "directory"])
+def test_what_lies_in_the_way_of_a_temporary_file_is_never_written_to(host, what):
+    bait = lay_bait(host)
+    host.start()
+    for kind in ("subscription", "message"):
+        HOSTILE[what][0](str(host.data / kind / "p.json.tmp"), bait)
+    outside = snapshot(host.tree, [str(host.data)])
+    if what == "directory":
+        host.expect_log("ERROR", cannot_write(DATA + "/subscription/p.json"), lambda: host.visit("p", "t"))
+        assert not host.has_file("subscription", "p")
+    else:
+        host.visit("p", "t", answer=CONNACK)
+        host.publish("t", b"missed")
+        assert host.filters("p") == ["t"] and host.missed("p") == [("t", b"missed")]
+        assert os.listdir(str(host.data / "subscription")) == os.listdir(str(host.data / "message")) == ["p.json"]
     host.check_service()
     host.stop()
     assert snapshot(host.tree, [str(host.data)]) == outside
