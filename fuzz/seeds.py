@@ -133,7 +133,52 @@ def codec_seeds():
     yield bytes([16, 0, 0x10, 0x00, 0x01, 0x41])
 
 
-SEEDS = {"codec": codec_seeds}
+def netip_seeds():
+    packets = [raw for _, raw in golden_packets()]
+    stream = b"".join(packets)
+    for cuts in (b"", bytes(40), bytes(range(60)), b"\x7f" * 30, b"\x80\x00" * 20):
+        yield bytes([0]) + block(cuts) + b"\x00" + stream
+        yield bytes([0x83]) + block(cuts) + b"\x00" + stream
+        yield bytes([0]) + block(cuts) + b"\x0f" + b"\xc0\x00" * 40
+    for size in (4096, 4097, 5000):
+        length = varint(size - 3)
+        yield bytes([0]) + block(b"\x00\x01\xc8") + b"\x00" + b"\x30" + length + b"p" * (size - 3) + b"\xc0\x00"
+        yield bytes([0]) + block(b"\x00\x01\xff") + b"\x07" + b"\x30" + length + b"p" * 700
+    yield bytes([0]) + block(b"\x00\x00\x00") + b"\x0f" + b"\x30\x80\x80\x80\x80\x00" + b"x" * 300
+    yield bytes([0]) + block(b"\x00\x00\x00") + b"\x03" + b"\xc0\x80\x80\x80\x00\xc0\x00"
+    for raw in packets[::3]:
+        yield bytes([0]) + block(bytes(len(raw) % 50)) + b"\x02" + raw
+
+
+LEVELS = ["", "a", "b", "+", "#", "a", "+", "$share", "ab", "$SYS", "a+", "c"]
+
+
+def sub_text(value):
+    parts = value.split("/")
+    if value and all(p in LEVELS for p in parts) and len(parts) < 40:
+        return bytes([len(parts)] + [LEVELS.index(p) for p in parts])
+    return b"\x80" + block(value)
+
+
+def sub_seeds():
+    filters = ["a", "a/b", "+", "a/+", "+/b", "#", "a/#", "a/b/#", "/a", "a/", "a//b", "+/+", "a/+/b", "/#", "a/+/#",
+               "+/#", "a#", "a/#/b", "a/b+", "$share/a/b/+", "$share/a/#", "$share/a", "$share/a/", "$SYS/#",
+               "a/b" * 30, "a/" * 13 + "+", "+/" * 11 + "b", "\u4f60/+", "l" * 254]
+    topics = ["", "a", "a/b", "a/b/", "a//", "/", "/b", "a/b/c", "$SYS/x", "b", "a/" * 13 + "b", "a/" * 14]
+    for f in filters:
+        yield b"".join(bytes([4]) + sub_text(f) + sub_text(t) for t in topics)
+    script = b""
+    for number, f in enumerate(filters):
+        script += bytes([0, number % 6, number % 3 | (number << 2 & 0xFC)]) + sub_text(f)
+    matches = b"".join(bytes([5, 1]) + sub_text(t) + bytes([6, number % 18, number % 6])
+                       for number, t in enumerate(topics))
+    yield script + matches
+    yield script + bytes([7]) + matches
+    yield script + b"".join(bytes([2, n % 6]) + sub_text(f) for n, f in enumerate(filters[:12])) + matches
+    yield script + bytes([3, 2, 3, 3]) + matches + script + matches
+
+
+SEEDS = {"codec": codec_seeds, "netip": netip_seeds, "sub": sub_seeds}
 
 
 def main(names):
