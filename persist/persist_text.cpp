@@ -32,9 +32,16 @@ uint32_t payload_size(const persist_msg &msg) {
     return std::min<uint32_t>(msg.payload_len, sizeof msg.payload);
 }
 
-// A value ends at its first quote, so one that holds a quote comes back as less, or as other keys.
-std::string_view readable(std::string_view client_id, const char *what, std::string_view value) {
-    if (value.find('"') == std::string_view::npos) return value;
+// A value ends at its first quote, so one that holds a quote comes back as less, or as other keys. The word
+// makes a flag true that is not: a reader takes it from anywhere behind the flag's key.
+bool is_readable(std::string_view value, bool will_flag) {
+    return value.find('"') == std::string_view::npos &&
+           (will_flag || value.find(flag_text(true)) == std::string_view::npos);
+}
+
+std::string_view readable(std::string_view client_id, const char *what, std::string_view value,
+                          bool will_flag) {
+    if (is_readable(value, will_flag)) return value;
     report_left_out(client_id, what, value);
     return {};
 }
@@ -60,8 +67,8 @@ struct will_fields {
 // Without its topic a will is none.
 will_fields readable_will(const persist_session &rec) {
     const std::string_view topic = persist_field(rec.will_topic);
-    if (topic.find('"') == std::string_view::npos)
-        return {rec.will_flag != 0, topic, rec.will_qos, rec.will_len};
+    const bool flag = rec.will_flag != 0;
+    if (is_readable(topic, flag)) return {flag, topic, rec.will_qos, rec.will_len};
     report_left_out(persist_field(rec.client_id), "will_topic", topic);
     return {false, {}, 0, 0};
 }
@@ -160,9 +167,9 @@ void persist_format_session(const persist_session &rec, text_writer *out) {
     add_key(out, ",\"will_msg_expiry_interval\":", uint64_t{rec.will_msg_expiry_interval});
     add_key(out, ",\"will_payload_format\":", uint64_t{rec.will_payload_format});
     add_key(out, ",\"will_content_type\":\"",
-            readable(id, "will_content_type", persist_field(rec.will_content_type)));
+            readable(id, "will_content_type", persist_field(rec.will_content_type), will.flag));
     add_key(out, "\",\"will_response_topic\":\"",
-            readable(id, "will_response_topic", persist_field(rec.will_response_topic)));
+            readable(id, "will_response_topic", persist_field(rec.will_response_topic), will.flag));
     add_key(out, "\",\"will_correlation_len\":", uint64_t{rec.will_correlation_len});
     out->add("}");
 }

@@ -236,6 +236,43 @@ TEST_F(session_file, other_texts_with_quotes_are_left_out_alone) {
               std::string::npos);
 }
 
+TEST_F(session_file, texts_that_would_set_the_will_flag_are_left_out) {
+    for (const bool flag : {false, true}) {
+        record_ptr rec = record_with_will();
+        rec->clean_start = 0;
+        rec->will_flag = flag ? 1 : 0;
+        strcpy(rec->will_topic, "is/true");
+        strcpy(rec->will_content_type, "true");
+        strcpy(rec->will_response_topic, "untrue/t");
+        const std::string text = written(rec, 2);
+        EXPECT_EQ(text.find("is/true") != std::string::npos, flag);
+        EXPECT_EQ(
+            text.find(R"("will_content_type":"true","will_response_topic":"untrue/t")") != std::string::npos,
+            flag);
+        const record_ptr back = loaded("c1");
+        EXPECT_EQ(back->will_flag, flag ? 1 : 0);
+        EXPECT_STREQ(back->will_topic, flag ? "is/true" : "");
+        EXPECT_EQ(back->will_delay_interval, 5u);
+        EXPECT_EQ(back->will_correlation_len, 7u);
+    }
+    constexpr char line[] = "[persist] not stored because it would not read back: client=c1, ";
+    for (const char *what :
+         {"will_topic=is/true", "will_content_type=true", "will_response_topic=untrue/t"}) {
+        const std::size_t at = log_.text().find(line + std::string(what));
+        ASSERT_NE(at, std::string::npos) << what;
+        EXPECT_EQ(log_.text().find(line + std::string(what), at + 1), std::string::npos) << what;
+    }
+}
+
+TEST_F(session_file, a_will_that_loses_its_topic_takes_the_word_with_it) {
+    record_ptr rec = record_with_will();
+    rec->clean_start = 0;
+    strcpy(rec->will_topic, "a\"b");
+    strcpy(rec->will_content_type, "true");
+    (void)written(rec, 2);
+    EXPECT_EQ(loaded("c1")->will_flag, 0);
+}
+
 TEST_F(session_file, an_identifier_with_a_quote_is_written_as_it_is) {
     (void)written(new_record("a\"b"), 2);
     EXPECT_EQ(file_content(path_of("a\"b")).substr(0, 21), R"({"client_id":"a"b","c)");
