@@ -45,12 +45,12 @@ void log_frame() {
 }
 
 // The client whose file it is, empty when it is nobody's: temporary files, and names that are longer than any
-// identifier.
+// identifier that subscribes. Cut, they would subscribe for another client.
 std::string_view client_of(std::string_view name) {
     if (name.size() <= k_suffix.size() || name.find(k_suffix) == std::string_view::npos) return {};
     if (name.ends_with(k_temporary_suffix)) return {};
     name.remove_suffix(k_suffix.size());
-    return name.size() < sizeof persist_session::client_id ? name : std::string_view{};
+    return name.size() < sizeof mqtt_subscription::client_id ? name : std::string_view{};
 }
 
 void restore_client(persist_session *rec, std::string_view client_id) {

@@ -24,15 +24,19 @@ class restore : public zeb_test::persist_fixture {
 
 TEST_F(restore, init_makes_the_directories) {
     const fs::path root = outer_ / "new";
+    const mode_t old_mask = umask(0027);
     EXPECT_EQ(zeb::persist_init(root.c_str()), 0);
+    umask(old_mask);
     EXPECT_STREQ(zeb::g_persist_root_path, root.c_str());
     EXPECT_EQ(zeb_test::tree(root),
               (std::map<std::string, std::string>{{(root / "message").string(), "directory"},
                                                   {(root / "session").string(), "directory"},
                                                   {(root / "subscription").string(), "directory"}}));
-    struct stat info;
-    ASSERT_EQ(stat((root / "session").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07022, 0u);
+    for (const char *dir : {"", "session", "subscription", "message"}) {
+        struct stat info;
+        ASSERT_EQ(stat((root / dir).c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0755u & ~0027u) << dir;
+    }
     EXPECT_TRUE(log_.has("INFO", "[persist] 持久化模块初始化中..."));
     for (const char *dir : {"", "/session", "/subscription", "/message"})
         EXPECT_TRUE(log_.has("DEBUG", "[persist] 目录创建成功: " + root.string() + dir)) << dir;
@@ -104,6 +108,8 @@ TEST_F(restore, names_longer_than_an_identifier_are_nobodys) {
     const std::string text = R"({"subs":[{"topic":"t","qos":0}]})";
     put_file(subs_file(std::string(250, 'l')), text);
     put_file(subs_file(std::string(128, 'm')), text);
+    put_file(subs_file(std::string(127, 'n')), text);
+    put_file(subs_file(std::string(65, 'n')), text);
     put_file(subs_file(std::string(64, 'n')), text);
     fs::create_directory(subs_file("directory"));
     zeb::persist_load_all_persisted_subscriptions();
