@@ -25,8 +25,18 @@ constexpr std::size_t k_path_size = 512;
 constexpr std::string_view k_temporary_suffix = ".tmp";
 constexpr std::string_view k_temporary_client_suffix = ".json.tmp";
 
+// A signal handler of the application may break off any of these; none of them has done anything then.
+template <typename call>
+int uninterrupted(call make) {
+    for (;;) {
+        const int result = make();
+        if (result >= 0 || errno != EINTR) return result;
+    }
+}
+
 int open_regular(int directory, const char *path, int flags) {
-    const int fd = openat(directory, path, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, k_file_mode);
+    const int fd = uninterrupted(
+        [&] { return openat(directory, path, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, k_file_mode); });
     if (fd < 0) return -1;
     struct stat info;
     if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) return fd;
@@ -46,10 +56,13 @@ bool attempt(step try_once) {
 
 // Always a file of our own: what lies under the name, a link or a pipe included, is removed, not written to.
 int create_temporary(const char *path) {
-    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
-    const int fd = open(path, flags, k_file_mode);
+    const auto create = [&] {
+        return uninterrupted(
+            [&] { return open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, k_file_mode); });
+    };
+    const int fd = create();
     if (fd >= 0 || errno != EEXIST || unlink(path) != 0) return fd;
-    return open(path, flags, k_file_mode);
+    return create();
 }
 
 // The first byte comes last: a temporary file that begins with a byte is complete, whenever the process ends.
@@ -57,7 +70,21 @@ bool write_temporary(file_handle *file, std::string_view text) {
     if (!text.empty() && (!persist_write_at(file->get(), text.data() + 1, text.size() - 1, 1) ||
                           !persist_write_at(file->get(), text.data(), 1, 0)))
         return false;
-    return fsync(file->get()) == 0 && file->close();
+    return persist_sync(file->get()) && file->close();
+}
+
+// So that the file has its name after a loss of power, too. Without, the next start finds the old file, or
+// the temporary one and finishes the work: no failure is worth a line.
+void sync_directory_of(const char *path) {
+    char directory[k_path_size];
+    const char *end = std::strrchr(path, '/');
+    const std::size_t len = end == nullptr ? 0 : static_cast<std::size_t>(end - path);
+    if (len >= sizeof directory) return;
+    std::memcpy(directory, path, len);
+    directory[len] = '\0';
+    const char *name = end == nullptr ? "." : len == 0 ? "/" : directory;
+    const file_handle file(uninterrupted([&] { return open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (file.valid()) (void)persist_sync(file.get());
 }
 
 // Whether the path with the suffix fits. When it does not, `out` holds what a log line can show of it.
@@ -101,6 +128,14 @@ void finish_write(int directory, const char *temporary) {
 
 int persist_open(const char *path, int flags) {
     return open_regular(AT_FDCWD, path, flags);
+}
+
+bool persist_sync(int fd) {
+    return uninterrupted([&] { return fsync(fd); }) == 0;
+}
+
+bool persist_truncate(int fd, off_t size) {
+    return uninterrupted([&] { return ftruncate(fd, size); }) == 0;
 }
 
 ssize_t persist_read_at(int fd, void *data, std::size_t size, off_t offset) {
@@ -177,6 +212,7 @@ bool persist_replace_file(const char *path, const char *text) {
     }
     (void)attempt([&] { return unlink(path) == 0; });  // usually there is none; the rename tells
     if (attempt([&] { return rename(temporary, path) == 0; })) {
+        sync_directory_of(path);
         mqtt_stats_inc_persist_write();
         return true;
     }

@@ -39,6 +39,8 @@ int persist_open(const char *path, int flags);
 // As many bytes as there are, up to `size`; -1 with errno. Interrupted and partial calls are continued.
 ssize_t persist_read_at(int fd, void *data, std::size_t size, off_t offset);
 bool persist_write_at(int fd, const void *data, std::size_t size, off_t offset);
+bool persist_sync(int fd);
+bool persist_truncate(int fd, off_t size);
 
 class file_text {
   public:

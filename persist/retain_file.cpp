@@ -51,7 +51,7 @@ bool write_change(int fd, const retain_msg *records, const retain_slots &changed
     const auto stored_count = static_cast<uint32_t>(count);
     return write_records(fd, records, changed, count) &&
            persist_write_at(fd, &stored_count, sizeof stored_count, 0) &&
-           ftruncate(fd, record_offset(count)) == 0;
+           persist_truncate(fd, record_offset(count));
 }
 
 bool remember_file(int fd, retain_image *image) {
@@ -88,7 +88,7 @@ bool compare(const retain_image &image, const retain_msg *wanted, int count, ret
 bool cut_remains(int fd, int count) {
     struct stat info;
     if (fstat(fd, &info) != 0) return false;
-    return info.st_size <= record_offset(count) || ftruncate(fd, record_offset(count)) == 0;
+    return info.st_size <= record_offset(count) || persist_truncate(fd, record_offset(count));
 }
 
 bool log_change(int fd, const retain_image &image, const retain_msg *wanted, const retain_slots &changed,
@@ -124,7 +124,12 @@ bool retain_file_update(int fd, retain_image *image, const retain_msg *wanted, i
     retain_slots changed{};
     const bool overwrites = compare(*image, wanted, count, changed);
     if (overwrites && !log_change(fd, *image, wanted, changed, count)) return false;
-    if (!write_change(fd, wanted, changed, count)) return false;
+    if (!write_change(fd, wanted, changed, count)) {
+        // A log completes the change at the next start. Without one no byte of it may stay behind the
+        // records.
+        if (!overwrites) (void)cut_remains(fd, image->count);
+        return false;
+    }
     for (int i = 0; i < count; ++i)
         if (changed[i]) std::memcpy(&image->records[i], &wanted[i], sizeof wanted[i]);
     image->count = count;

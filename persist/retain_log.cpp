@@ -33,6 +33,7 @@ struct log_footer {
 
 constexpr std::size_t k_entries_max =
     RETAIN_MAX * (sizeof(log_entry) + sizeof retain_msg::topic + sizeof retain_msg::payload);
+constexpr uint32_t k_qos_max = 2;
 constexpr char k_mark[8] = {'Z', 'E', 'B', 'R', 'L', 'O', 'G', '1'};
 
 // FNV-1a over the entries and what the footer says of them.
@@ -91,8 +92,9 @@ bool take_entry(const uint8_t **at, const uint8_t *end, int count, entry_view *o
     if (left < sizeof out->head) return false;
     std::memcpy(&out->head, *at, sizeof out->head);
     const log_entry &head = out->head;
-    if (head.slot >= static_cast<uint32_t>(count) || head.topic_len >= sizeof retain_msg::topic ||
-        head.payload_len > sizeof retain_msg::payload)
+    if (head.slot >= static_cast<uint32_t>(count) || head.topic_len == 0 ||
+        head.topic_len >= sizeof retain_msg::topic || head.payload_len == 0 ||
+        head.payload_len > sizeof retain_msg::payload || head.qos > k_qos_max)
         return false;
     if (left - sizeof head < head.topic_len + head.payload_len) return false;
     out->topic = *at + sizeof head;
@@ -118,12 +120,19 @@ void apply_entry(const entry_view &entry, retain_msg *msg) {
     msg->expiry_interval = entry.head.expiry_interval;
 }
 
+// Where a log begins. What a payload says in the remains of a record that was not written whole does not.
+bool follows_a_record(int64_t offset) {
+    constexpr auto count_size = static_cast<int64_t>(sizeof(uint32_t));
+    return offset >= count_size && (offset - count_size) % static_cast<int64_t>(sizeof(retain_msg)) == 0;
+}
+
 bool read_footer(int fd, int64_t size, log_footer *footer) {
     if (size < static_cast<int64_t>(sizeof *footer)) return false;
     const auto offset = size - static_cast<int64_t>(sizeof *footer);
     return persist_read_at(fd, footer, sizeof *footer, offset) == sizeof *footer &&
            std::memcmp(footer->mark, k_mark, sizeof k_mark) == 0 && footer->bytes <= offset &&
-           footer->bytes <= k_entries_max && footer->count <= static_cast<uint32_t>(RETAIN_MAX);
+           footer->bytes <= k_entries_max && footer->entries > 0 &&
+           footer->count <= static_cast<uint32_t>(RETAIN_MAX);
 }
 
 }  // namespace
@@ -155,6 +164,7 @@ bool retain_log_apply(int fd, int64_t size, retain_msg *records, retain_slots &c
     if (!read_footer(fd, size, &footer)) return false;
     const heap_bytes log(footer.bytes + std::size_t{1});
     const int64_t offset = size - static_cast<int64_t>(sizeof footer) - footer.bytes;
+    if (!follows_a_record(offset)) return false;
     if (log.data == nullptr || persist_read_at(fd, log.data, footer.bytes, offset) != footer.bytes)
         return false;
     const uint8_t *at = log.data;

@@ -191,6 +191,7 @@ TEST_F(faults, a_full_disk_keeps_the_old_files_and_takes_new_ones_when_there_is_
         EXPECT_EQ(file_content(msgs_file("c")), queue);
         EXPECT_FALSE(fs::exists(msgs_file("c").string() + ".tmp"));
         for (int i = 0; i < 30; ++i) EXPECT_EQ(retain("more" + std::to_string(i), std::string(2000, 'x')), 0);
+        EXPECT_EQ((fs::file_size(retain_file()) - 4) % sizeof(zeb::retain_msg), 0u) << "half a record stays";
         restart();
         EXPECT_EQ(retained()["a"], "1");
         EXPECT_EQ(retained()["b"], "2");

@@ -1,3 +1,5 @@
+#include <fcntl.h>
+
 #include <cstring>
 #include <functional>
 #include <vector>
@@ -10,6 +12,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using zeb_test::crash_plan;
 using zeb_test::file_content;
 using zeb_test::g_crash;
 using zeb_test::in_child;
@@ -39,7 +42,7 @@ class retain_crash : public zeb_test::persist_fixture {
                 change();
                 const store new_store = retained();
                 const int code = in_child([&] {
-                    g_crash = {at, percent, 0};
+                    g_crash = crash_plan{.at = at, .written_percent = percent};
                     EXPECT_EQ(zeb::persist_retain_save(), 0);
                 });
                 crashed = code == k_crashed;
@@ -123,13 +126,13 @@ TEST_F(retain_crash, of_the_completion_of_a_save_is_completed_by_the_next_start)
     const store wanted = retained();
     // The first call writes the log, so that the save counts; the second begins to overwrite the record.
     EXPECT_EQ(in_child([&] {
-                  g_crash = {2, 50, 0};
+                  g_crash = crash_plan{.at = 2, .written_percent = 50};
                   (void)zeb::persist_retain_save();
               }),
               k_crashed);
     for (int at = 1;; ++at) {
         const int code = in_child([&] {
-            g_crash = {at, 50, 0};
+            g_crash = crash_plan{.at = at, .written_percent = 50};
             (void)zeb::persist_retain_load();
         });
         if (code != k_crashed) break;
@@ -143,7 +146,7 @@ TEST_F(retain_crash, a_damaged_log_counts_for_nothing) {
     fill();
     set_payload(&message(4), "new");
     EXPECT_EQ(in_child([&] {
-                  g_crash = {2, 0, 0};
+                  g_crash = crash_plan{.at = 2, .written_percent = 0};
                   (void)zeb::persist_retain_save();
               }),
               k_crashed);
@@ -164,6 +167,76 @@ TEST_F(retain_crash, a_damaged_log_counts_for_nothing) {
         put_file(retain_file(), with_log.substr(0, size));
         restart();
         EXPECT_EQ(retained()["topic/4"], std::string(40, 'o'));
+    }
+}
+
+// A payload may say whatever its publisher likes, also what a log says.
+class forged_log : public retain_crash {
+  protected:
+    // What a save would append to change one message, as the bytes of a payload.
+    std::string log_of(const zeb::retain_msg &msg, int count) {
+        const fs::path path = outer_ / "log";
+        put_file(path, "");
+        const int fd = open(path.c_str(), O_RDWR);
+        zeb::retain_slots changed{};
+        changed[0] = true;
+        EXPECT_TRUE(zeb::retain_log_write(fd, 0, &msg, changed, count));
+        EXPECT_EQ(close(fd), 0);
+        return file_content(path);
+    }
+    static zeb::retain_msg forged(const char *topic, const std::string &payload) {
+        zeb::retain_msg msg{};
+        snprintf(msg.topic, sizeof msg.topic, "%s", topic);
+        set_payload(&msg, payload);
+        return msg;
+    }
+};
+
+TEST_F(forged_log, in_the_remains_of_an_addition_counts_for_nothing) {
+    fill();
+    const std::string records = file_content(retain_file());
+    const store before = retained();
+    const std::string log = log_of(forged("secret", "forged"), 1);
+    for (std::size_t rest = 0; rest < 2048 - log.size(); rest += 100) {
+        std::string remains(257 + rest, '\0');
+        remains.replace(0, 8, "attacker");
+        put_file(retain_file(), records + remains + log);
+        restart();
+        EXPECT_EQ(retained(), before) << rest;
+    }
+    put_file(retain_file(), records + log);  // at its place it counts
+    restart();
+    EXPECT_EQ(retained(), (store{{"secret", "forged"}}));
+}
+
+TEST_F(forged_log, with_an_entry_that_is_no_message_counts_for_nothing) {
+    fill();
+    const std::string records = file_content(retain_file());
+    const store before = retained();
+    zeb::retain_msg bad[] = {forged("", "p"), forged("t", ""), forged("t", "p")};
+    bad[2].qos = 3;
+    for (const zeb::retain_msg &msg : bad) {
+        put_file(retain_file(), records + log_of(msg, 1));
+        restart();
+        EXPECT_EQ(retained(), before);
+    }
+    // No entries at all: a topic may say so much, and it would empty the store.
+    put_file(retain_file(), records + log_of(forged("t", "p"), 0));
+    restart();
+    EXPECT_EQ(retained(), before);
+}
+
+TEST_F(forged_log, does_not_stay_behind_the_records_of_a_full_disk) {
+    fill();
+    const std::string records = file_content(retain_file());
+    const std::string payload = log_of(forged("secret", "forged"), 1);
+    for (const int percent : {1, 15, 60, 100}) {
+        g_crash = crash_plan{.at = 1, .written_percent = percent, .full = true};
+        EXPECT_EQ(retain("attacker", payload), 0);  // in memory
+        g_crash = {};
+        EXPECT_EQ(file_content(retain_file()), records);
+        restart();
+        EXPECT_EQ(retained().size(), 7u);
     }
 }
 
