@@ -1,7 +1,7 @@
 /* The smallest embedding: a broker that runs until Enter is pressed. */
 #include <stdio.h>
 
-#include "sdk/zeb_sdk_mqtt_broker.h"
+#include "zeb_sdk_mqtt_broker.h"
 
 int main(void) {
     mqtt_broker_instance *broker = zeb_sdk_mqtt_broker_create();

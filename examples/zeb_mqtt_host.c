@@ -8,7 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "sdk/zeb_sdk_mqtt_broker.h"
+#include "zeb_sdk_mqtt_broker.h"
 
 enum { k_exit_failure = 1, k_exit_usage = 2 };
 
