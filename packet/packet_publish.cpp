@@ -39,8 +39,9 @@ bool forward(publication_encoder *encoder, mqtt_client *subscriber, uint32_t qos
 void store_offline(routing_scratch *scratch, const char *client_id, const mqtt_publish_para &pub,
                    uint32_t qos) {
     if (!packet_has_stored_session(scratch->session(), client_id) || pub.payload_len == 0) return;
-    persist_add_offline_msg(client_id, pub.topic, pub.payload, static_cast<int>(pub.payload_len),
-                            static_cast<int>(qos));
+    if (!persist_add_msg_to_stored(client_id, pub.topic, pub.payload, static_cast<int>(pub.payload_len),
+                                   static_cast<int>(qos)))
+        return;  // the session has ended meanwhile
     ZEB_LOG(AGENT_LOG_INFO, "[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", client_id, pub.topic);
     mqtt_stats_inc_offline_msg();
 }

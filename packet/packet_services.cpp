@@ -61,8 +61,9 @@ void store_offline(routing_scratch *scratch, const char *client_id, const mqtt_p
                 pub.topic);
         return;
     }
-    persist_add_offline_msg(client_id, pub.topic, pub.payload, static_cast<int>(pub.payload_len),
-                            static_cast<int>(qos));
+    if (!persist_add_msg_to_stored(client_id, pub.topic, pub.payload, static_cast<int>(pub.payload_len),
+                                   static_cast<int>(qos)))
+        return;  // the session has ended meanwhile
     ZEB_LOG(AGENT_LOG_INFO, "[STANDARD] APP发布离线消息已存储: %s, Topic=%s", client_id, pub.topic);
 }
 

@@ -41,10 +41,10 @@ int report_unknown(const persist_session &rec) {
     return -4;
 }
 
-bool load_queue(persist_session *rec) {
-    if (persist_load_files(rec, queue_extent::whole).queue_known) return true;
-    (void)report_unknown(*rec);
-    return false;
+load_result load_queue(persist_session *rec) {
+    const load_result result = persist_load_files(rec, queue_extent::whole);
+    if (!result.queue_known) (void)report_unknown(*rec);
+    return result;
 }
 
 uint16_t draw_msgid() {
@@ -104,6 +104,31 @@ int take_out(persist_session *queue, const persist_session &replayed) {
     return count - kept;
 }
 
+enum class audience { anybody, stored_sessions };
+
+// False for a client that is none of the audience; every other failure has been reported.
+bool add_msg(const char *client_id, const char *topic, const uint8_t *payload, int len, int qos,
+             audience whom) {
+    if (client_id == nullptr || *client_id == '\0' || topic == nullptr || payload == nullptr || len <= 0)
+        return false;
+    persist_msg msg;
+    fill_msg(&msg, topic, payload, len, qos);
+    const bool readable = persist_msg_reads_back(client_id, msg);
+    if (!readable && whom == audience::anybody) return true;
+    const std::lock_guard files(s_client_files);
+    persist_session *rec = queue_record(client_id);
+    if (rec == nullptr) return true;
+    const load_result loaded = load_queue(rec);
+    if (whom == audience::stored_sessions && !loaded.found) return false;
+    if (!readable || !loaded.queue_known) return true;
+    // An unseeded generator repeats itself after a restart, and one acknowledgement would serve two messages.
+    while (holds_msgid(*rec, msg.msgid)) msg.msgid = draw_msgid();
+    if (rec->msg_count >= PERSIST_MAX_MSGS) drop_oldest(rec);
+    rec->msgs[rec->msg_count++] = msg;
+    persist_flush_single(rec, PERSIST_MSGS);
+    return true;
+}
+
 }  // namespace
 
 void persist_set_root(const char *root) {
@@ -161,26 +186,20 @@ int persist_remove(const char *client_id) {
 
 void persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int len,
                              int qos) {
-    if (client_id == nullptr || *client_id == '\0' || topic == nullptr || payload == nullptr || len <= 0)
-        return;
-    persist_msg msg;
-    fill_msg(&msg, topic, payload, len, qos);
-    if (!persist_msg_reads_back(client_id, msg)) return;
-    const std::lock_guard files(s_client_files);
-    persist_session *rec = queue_record(client_id);
-    if (rec == nullptr || !load_queue(rec)) return;
-    // An unseeded generator repeats itself after a restart, and one acknowledgement would serve two messages.
-    while (holds_msgid(*rec, msg.msgid)) msg.msgid = draw_msgid();
-    if (rec->msg_count >= PERSIST_MAX_MSGS) drop_oldest(rec);
-    rec->msgs[rec->msg_count++] = msg;
-    persist_flush_single(rec, PERSIST_MSGS);
+    (void)add_msg(client_id, topic, payload, len, qos, audience::anybody);
+}
+
+bool persist_add_msg_to_stored(const char *client_id, const char *topic, const uint8_t *payload, int len,
+                               int qos) {
+    return add_msg(client_id, topic, payload, len, qos, audience::stored_sessions);
 }
 
 int persist_remove_offline_msg(const char *client_id, uint16_t msgid) {
-    if (client_id == nullptr || *client_id == '\0' || msgid == 0) return -1;
+    if (client_id == nullptr || msgid == 0) return -1;
+    if (*client_id == '\0') return -4;  // nobody's files can be loaded
     const std::lock_guard files(s_client_files);
     persist_session *rec = queue_record(client_id);
-    if (rec == nullptr || !load_queue(rec)) return -4;
+    if (rec == nullptr || !load_queue(rec).queue_known) return -4;
     persist_msg *const end = rec->msgs + rec->msg_count;
     persist_msg *const kept =
         std::remove_if(rec->msgs, end, [&](const persist_msg &msg) { return msg.msgid == msgid; });

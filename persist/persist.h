@@ -80,6 +80,10 @@ int persist_load_client_only(persist_session *rec);  // 0; -1 bad argument; -4 n
 int persist_remove(const char *client_id);           // 0; -1 null; -5 out of memory
 void persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int len,
                              int qos);
+// The same for a client that has a stored session at that very moment; false when it has none. Whether it has
+// one cannot be asked before: it may be removed in between, and would come back as a file of messages.
+bool persist_add_msg_to_stored(const char *client_id, const char *topic, const uint8_t *payload, int len,
+                               int qos);
 int persist_remove_offline_msg(const char *client_id, uint16_t msgid);  // 0; -1; -4
 // `replayed` is what persist_load has given of a client's offline messages, which are on their way to it now.
 // Takes them out of the queue and writes it, the messages included that have come since, or that the load had

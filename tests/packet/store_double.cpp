@@ -41,7 +41,8 @@ int load_double(zeb::persist_session *rec, bool *found) {
     }
     if (!s.will_topic.empty()) {
         rec->will_flag = 1;
-        snprintf(rec->will_topic, sizeof rec->will_topic, "%s", s.will_topic.c_str());
+        snprintf(rec->will_topic, sizeof rec->will_topic, "%s",
+                 store().cut_will_topic ? "" : s.will_topic.c_str());
         memcpy(rec->will_payload, s.will_payload.data(), s.will_payload.size());
         rec->will_len = s.will_len != 0 ? s.will_len : static_cast<uint32_t>(s.will_payload.size());
         rec->will_qos = static_cast<uint8_t>(s.will_qos);
@@ -81,12 +82,14 @@ int finish_replay_double(const zeb::persist_session *replayed) {
     return 0;
 }
 
-void add_offline_double(const char *id, const char *topic, const uint8_t *payload, int len,
-                        int qos) asm("__wrap__ZN3zeb23persist_add_offline_msgEPKcS1_PKhii");
-void add_offline_double(const char *id, const char *topic, const uint8_t *payload, int len, int qos) {
+bool add_to_stored_double(const char *id, const char *topic, const uint8_t *payload, int len,
+                          int qos) asm("__wrap__ZN3zeb25persist_add_msg_to_storedEPKcS1_PKhii");
+bool add_to_stored_double(const char *id, const char *topic, const uint8_t *payload, int len, int qos) {
+    if (store().end_before_additions) return false;
     note("offline " + std::string(id) + " " + topic + " " +
          std::string(reinterpret_cast<const char *>(payload), static_cast<size_t>(len)) + " " +
          std::to_string(qos));
+    return true;
 }
 
 int add_packet_double(zeb::mqtt_client *client, uint16_t id, uint8_t qos, const zeb::mqtt_publish_para *pub, const uint8_t *payload, uint32_t len) asm(

@@ -32,6 +32,8 @@ struct stored_session {
 struct store_double {
     std::map<std::string, stored_session> sessions;
     int load_result = 0;
+    bool cut_will_topic = false;        // as a file that ends there
+    bool end_before_additions = false;  // sessions end after they were found
     texts calls;
 };
 

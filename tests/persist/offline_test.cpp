@@ -92,6 +92,23 @@ TEST_F(offline, bad_arguments_do_nothing) {
     EXPECT_EQ(reads(), 0u);
 }
 
+TEST_F(offline, a_message_for_a_stored_session_makes_none) {
+    const auto add = [](const char *topic) {
+        const uint8_t byte = 'p';
+        return zeb::persist_add_msg_to_stored("c", topic, &byte, 1, 1);
+    };
+    EXPECT_FALSE(add("t"));
+    EXPECT_FALSE(add("a\"b"));
+    EXPECT_EQ(zeb_test::tree(root_).size(), 3u);
+    put_file(subs_file("c"), R"({"subs":[]})");
+    EXPECT_TRUE(add("t"));
+    EXPECT_TRUE(add("a\"b"));
+    EXPECT_EQ(stored("c"), std::vector<std::string>{"70"});
+    EXPECT_EQ(zeb::persist_remove("c"), 0);
+    EXPECT_FALSE(add("t"));
+    EXPECT_EQ(zeb_test::tree(root_).size(), 3u);
+}
+
 TEST_F(offline, message_identifiers_of_one_queue_differ_also_when_the_generator_repeats_itself) {
     std::set<int> ids;
     for (int i = 0; i < 60; ++i) {
@@ -133,7 +150,8 @@ TEST_F(offline, removing_takes_every_message_of_that_identifier_and_keeps_the_or
 TEST_F(offline, removing_bad_arguments_is_refused) {
     EXPECT_EQ(zeb::persist_remove_offline_msg("c", 0), -1);
     EXPECT_EQ(zeb::persist_remove_offline_msg(nullptr, 1), -1);
-    EXPECT_EQ(zeb::persist_remove_offline_msg("", 1), -1);
+    EXPECT_EQ(zeb::persist_remove_offline_msg("", 0), -1);
+    EXPECT_EQ(zeb::persist_remove_offline_msg("", 1), -4);
     EXPECT_FALSE(fs::exists(msgs_file("c")));
 }
 
