@@ -152,6 +152,24 @@ TEST_F(client_close, clean_sessions_and_those_settled_by_disconnect_are_left_alo
     EXPECT_TRUE(g_persist_spy.marked.empty());
 }
 
+TEST_F(client_close, the_files_of_a_successor_are_left_alone) {
+    mqtt_client *const without = create(1, "same");
+    mqtt_client *const lasting = create(2, "same");
+    mqtt_client *const newest = create(3, "same");
+    for (mqtt_client *client : {without, lasting, newest}) client->clean_session = 0;
+    lasting->session_expiry_interval = 300;
+    log_capture log;
+    zeb::client_close(without);
+    zeb::client_close(lasting);
+    EXPECT_TRUE(g_persist_spy.removed.empty());
+    EXPECT_TRUE(g_persist_spy.marked.empty());
+    zeb::client_close(newest);
+    EXPECT_EQ(g_persist_spy.removed, std::vector<std::string>{"same"});
+    const uint64_t deadline = clock.wall_sec() + 300;
+    EXPECT_TRUE(
+        log.has("INFO", "[MQTT5] 会话已设置过期: same, 剩余=300秒, 截止=" + std::to_string(deadline)));
+}
+
 TEST_F(client_close, after_disconnect_the_will_goes_with_its_client) {
     mqtt_client *const client = create(1, "c");
     give_will(client);
