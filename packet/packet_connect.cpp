@@ -90,7 +90,7 @@ void negotiate_packet_size(mqtt_client *client, const mqtt_connect_para &connect
 // The stored record may announce more will bytes than it holds; only those that exist are reinstalled.
 void reinstall_stored_will(mqtt_client *client) {
     const persist_session &session = client->session;
-    if (session.will_flag == 0) return;
+    if (session.will_flag == 0 || session.will_topic[0] == '\0') return;  // its file was cut in the topic
     const uint32_t len = session.will_len < PERSIST_MAX_PAYLOAD ? session.will_len
                                                                 : static_cast<uint32_t>(PERSIST_MAX_PAYLOAD);
     client_set_will_msg(client, session.will_topic, session.will_payload, len, session.will_qos, 0);
@@ -126,6 +126,7 @@ void record_will(persist_session *session, const mqtt_connect_para &connect) {
     copy_text(session->will_topic, connect.will_topic);
     session->will_qos = static_cast<uint8_t>(connect.will_qos);
     session->will_len = connect.will_payload_len;
+    memset(session->will_payload, 0, sizeof session->will_payload);  // an earlier will's
     if (connect.will_payload_len <= sizeof session->will_payload)
         memcpy(session->will_payload, connect.will_payload, connect.will_payload_len);
 }

@@ -111,6 +111,26 @@ TEST_F(packet_sessions, a_stored_will_without_its_bytes_is_reinstalled_within_th
     EXPECT_EQ(1024u, client->will_payload_len);
 }
 
+TEST_F(packet_sessions, a_stored_will_without_its_topic_is_none) {
+    store().sessions["x"] = {{}, {}, "w/t", "old", 0, 2};
+    store().cut_will_topic = true;
+    mqtt_client *client = open();
+    log_capture log;
+    give(client, connect_packet("x", clean0()));
+    EXPECT_EQ(0, client->will_msg_used.load());
+    EXPECT_EQ(std::string::npos, log.text().find("遗嘱恢复成功"));
+}
+
+TEST_F(packet_sessions, a_will_without_room_in_the_record_has_no_bytes_of_an_earlier_one) {
+    store().sessions["x"] = {{}, {}, "w/t", std::string(1024, 'o'), 0, 2};
+    connect_options o = clean0();
+    o.will = true;
+    o.will_payload = std::string(1025, 'n');
+    mqtt_client *client = join("x", o);
+    EXPECT_EQ(1025u, client->session.will_len);
+    for (const uint8_t byte : client->session.will_payload) EXPECT_EQ(0, byte);
+}
+
 TEST_F(packet_sessions, the_will_of_connect_replaces_the_stored_one_and_is_saved) {
     store().sessions["x"] = {{}, {}, "w/t", "old", 0, 2};
     connect_options o = clean0();
@@ -141,6 +161,18 @@ TEST_F(packet_sessions, the_subscription_file_lists_the_first_32_of_40_filters) 
     EXPECT_EQ(texts({"mark x 2 subs=10 msgs=0 will=0", "mark x 2 subs=20 msgs=0 will=0",
                      "mark x 2 subs=30 msgs=0 will=0", "mark x 2 subs=32 msgs=0 will=0"}),
               calls());
+}
+
+TEST_F(packet_sessions, a_long_filter_that_is_subscribed_again_fills_one_place) {
+    mqtt_client *client = kept("x");
+    const std::string filter(70, 'f');
+    for (int i = 0; i < 40; ++i) give(client, subscribe_packet(3, {{filter, i % 3}}));
+    give(client, subscribe_packet(3, {{"other", 1}, {std::string(63, 'f') + "/other", 2}, {"fff", 0}}));
+    ASSERT_EQ(3u, store().sessions["x"].subs.size());
+    EXPECT_EQ(std::string(63, 'f'), store().sessions["x"].subs[0].filter);
+    EXPECT_EQ(2, store().sessions["x"].subs[0].qos);
+    EXPECT_EQ("other", store().sessions["x"].subs[1].filter);
+    EXPECT_EQ("fff", store().sessions["x"].subs[2].filter);
 }
 
 TEST_F(packet_sessions, the_subscriptions_of_a_clean_session_are_not_saved) {
@@ -208,8 +240,25 @@ TEST_F(packet_sessions, a_client_that_has_lost_its_identifier_drops_nothing_of_i
     mqtt_client *older = kept("same");
     mqtt_client *newer = kept("same");
     give(older, "E0 00");
-    for (const std::string &call : calls()) EXPECT_NE("clean same", call);
+    EXPECT_EQ(texts(), calls());
     EXPECT_EQ(newer, zeb::client_find_by_cid("same"));
+}
+
+TEST_F(packet_sessions, a_goodbye_leaves_the_files_of_a_successor_alone) {
+    mqtt_client *clean = join("same");
+    mqtt_client *five = join("same", 5, false);
+    mqtt_client *lasting = join("same", v5("11 00 00 0E 10"));
+    mqtt_client *newest = kept("same");
+    (void)calls();
+    give(clean, "E0 00");
+    give(five, "E0 02 00 00");
+    give(lasting, "E0 07 00 05 10 00 00 00 3C");
+    EXPECT_EQ(texts(), calls());
+    EXPECT_FALSE(is_open(clean));
+    EXPECT_FALSE(is_open(five));
+    EXPECT_FALSE(is_open(lasting));
+    give(newest, "E0 00");
+    EXPECT_EQ(texts({"mark same 2 subs=0 msgs=0 will=0", "flush", "clean same"}), calls());
 }
 
 TEST_F(packet_sessions, messages_for_an_absent_subscriber_are_stored_at_the_lower_qos) {
@@ -254,6 +303,20 @@ TEST_F(packet_sessions, the_application_stores_no_message_of_qos_0) {
     EXPECT_TRUE(in_order(log.text(), {"[INFO] [MQTT标准] QoS=0 离线消息不存储：ClientID=away, Topic=t\n",
                                       "[INFO] [STANDARD] APP发布离线消息已存储: away, Topic=t\n"}));
     EXPECT_EQ(std::string::npos, log.text().find("stranger, Topic"));
+}
+
+TEST_F(packet_sessions, a_session_that_ends_meanwhile_has_no_message_stored_or_counted) {
+    store().sessions["away"] = {{}, {}, "", ""};
+    store().end_before_additions = true;
+    EXPECT_EQ(0, zeb::sub_add("away", "t", 1, 0));
+    mqtt_client *publisher = join("p");
+    const uint8_t byte = 'x';
+    log_capture log;
+    give(publisher, publish_packet("t", "one", 1, 5));
+    zeb::packet_handler_broker_publish("t", &byte, 1, 1, 0, 0);
+    EXPECT_EQ(0u, zeb::g_mqtt_stats.offline_msg.load());
+    EXPECT_EQ(texts({"40 02 00 05"}), sent(publisher));
+    EXPECT_EQ(std::string::npos, log.text().find("离线消息已存储"));
 }
 
 TEST_F(packet_sessions, forwarded_copies_are_registered_after_they_were_queued) {
