@@ -24,24 +24,31 @@ class restore : public zeb_test::persist_fixture {
 
 TEST_F(restore, init_makes_the_directories) {
     const fs::path root = outer_ / "new";
-    const mode_t old_mask = umask(0027);
     EXPECT_EQ(zeb::persist_init(root.c_str()), 0);
-    umask(old_mask);
     EXPECT_STREQ(zeb::g_persist_root_path, root.c_str());
     EXPECT_EQ(zeb_test::tree(root),
               (std::map<std::string, std::string>{{(root / "message").string(), "directory"},
                                                   {(root / "session").string(), "directory"},
                                                   {(root / "subscription").string(), "directory"}}));
-    for (const char *dir : {"", "session", "subscription", "message"}) {
-        struct stat info;
-        ASSERT_EQ(stat((root / dir).c_str(), &info), 0);
-        EXPECT_EQ(info.st_mode & 07777, 0755u & ~0027u) << dir;
-    }
     EXPECT_TRUE(log_.has("INFO", "[persist] 持久化模块初始化中..."));
     for (const char *dir : {"", "/session", "/subscription", "/message"})
         EXPECT_TRUE(log_.has("DEBUG", "[persist] 目录创建成功: " + root.string() + dir)) << dir;
     EXPECT_TRUE(log_.has("WARN", "[persist] no retain file"));
     EXPECT_TRUE(log_.has("INFO", "[persist] 持久化模块初始化完成，路径：" + root.string()));
+}
+
+TEST_F(restore, directories_have_the_mode_that_the_umask_leaves) {
+    for (const mode_t mask : {0000u, 0027u}) {
+        const fs::path root = outer_ / std::to_string(mask);
+        const mode_t old_mask = umask(mask);
+        EXPECT_EQ(zeb::persist_init(root.c_str()), 0);
+        umask(old_mask);
+        for (const char *dir : {"", "session", "subscription", "message"}) {
+            struct stat info;
+            ASSERT_EQ(stat((root / dir).c_str(), &info), 0);
+            EXPECT_EQ(info.st_mode & 07777, 0755u & ~mask) << dir;
+        }
+    }
 }
 
 TEST_F(restore, init_with_directories_makes_none) {
