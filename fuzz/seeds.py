@@ -178,7 +178,116 @@ def sub_seeds():
     yield script + bytes([3, 2, 3, 3]) + matches + script + matches
 
 
-SEEDS = {"codec": codec_seeds, "netip": netip_seeds, "sub": sub_seeds}
+class Script:
+    """The steps of connections_fuzz.cpp. Identifiers, topics and filters are places in its lists."""
+
+    def __init__(self, header=0):
+        self.raw = bytes([header])
+
+    def add(self, *values):
+        self.raw += bytes(values)
+        return self
+
+    def connect(self, peer, client_id, flags=0x02, five=(0, 0, 0), will=(0, 3)):
+        self.add(0, peer, flags)
+        if flags & 1:
+            self.add(*five)
+        if flags & 4:
+            self.add(*will)
+        return self.add(client_id)
+
+    def subscribe(self, peer, *filters):
+        self.add(3, peer, len(filters) - 1)
+        for number, qos in filters:
+            self.add(qos, number)
+        return self.add(7)
+
+    def unsubscribe(self, peer, *filters):
+        return self.add(9, peer, len(filters), *filters, 8)
+
+    def publish(self, peer, topic, flags=0, payload=5):
+        self.add(5, peer, flags)
+        if flags & 8:
+            self.add(3)
+        return self.add(payload, topic, 9)
+
+    def storm(self, peer, topic, flags, times):
+        return self.add(5, peer | 0x80, flags, 0xC8, topic, 9, times - 1)
+
+    def ack(self, peer, kind, message=0):
+        return self.add(10, peer, kind, message)
+
+    def ping(self, peer):
+        return self.add(12, peer)
+
+    def goodbye(self, peer):
+        return self.add(13, peer)
+
+    def drop(self, peer):
+        return self.add(0xA0, peer)
+
+    def kick(self, client_id):
+        return self.add(0xA2, client_id)
+
+    def application(self, topic, flags=2, payload=5):
+        return self.add(0xA3, flags, payload, topic)
+
+    def clock(self, power):
+        return self.add(0xA5, power)
+
+    def house(self, which):
+        return self.add(0xA7, which)
+
+    def flush(self):
+        return self.add(0xAA, 0xAC, 0x3F, 0xAD)
+
+    def callbacks(self, flags, target):
+        return self.add(0xAE, flags, target)
+
+    def restart(self):
+        return self.add(0xAF, 0, 0xF0)
+
+
+def connection_scripts(header):
+    def script():
+        return Script(header)
+
+    yield script().connect(0, 0).subscribe(0, (0, 1), (1, 2)).connect(1, 1).publish(1, 0, 1).publish(
+        1, 1, 2).flush().ack(0, 0).ack(0, 1).ack(0, 3).flush().goodbye(0).goodbye(1)
+    yield script().connect(0, 2, 0x00).subscribe(0, (0, 1), (2, 2)).drop(0).connect(1, 1).publish(1, 0, 1).publish(
+        1, 3, 2).connect(0, 2, 0x00).flush().clock(11).house(0).flush().ack(0, 0).restart().connect(0, 2, 0x00)
+    yield script().connect(0, 0, 0x03, (1, 1, 0)).subscribe(0, (2, 2)).connect(1, 1, 0x07, (1, 0, 2), (0, 3)).drop(
+        1).house(4).clock(12).house(4).flush().connect(1, 1, 0x03, (1, 0, 0)).goodbye(1).goodbye(0)
+    yield script().connect(0, 1, 0x07, (1, 0, 3), (0, 3)).drop(0).connect(1, 1, 0x03, (1, 0, 0)).house(3).house(4).drop(1)
+    yield script().connect(0, 0).connect(1, 0).drop(0).ping(1).connect(2, 13).drop(1).ping(2).connect(3, 3).connect(4, 4)
+    yield script().connect(0, 0).subscribe(0, (0, 0)).connect(0, 1).subscribe(0, (1, 1)).connect(0, 0, 0x00).drop(0)
+    yield script().connect(0, 7).connect(1, 7).subscribe(0, (0, 2)).subscribe(1, (0, 2)).publish(0, 0, 2).drop(0).drop(1)
+    yield script().connect(0, 0).subscribe(0, (5, 1)).connect(1, 1).subscribe(1, (5, 1), (6, 2)).connect(2, 2).publish(
+        2, 0, 1).publish(2, 0, 1).publish(2, 0, 2).unsubscribe(0, 5).publish(2, 0, 1).flush().kick(0).kick(1)
+    yield script().connect(0, 0).subscribe(0, (2, 2)).connect(1, 1).storm(1, 0, 1, 120).flush().storm(
+        1, 0, 2, 120).house(0).clock(11).house(0).flush().flush().clock(12).house(0).flush().house(2).drop(0)
+    yield script().publish(0, 0, 4).connect(0, 0).publish(0, 0, 4).publish(0, 1, 0x0C).application(2, 6).connect(
+        1, 1).subscribe(1, (2, 1)).flush().clock(13).house(6).publish(0, 0, 4, 0).restart().connect(1, 1).subscribe(1, (2, 1))
+    yield script().callbacks(1, 0).connect(0, 0, 0x42).connect(0, 0).callbacks(2, 0).subscribe(0, (8, 1), (9, 1)).publish(
+        0, 4, 1)
+    for reaction in (1, 2, 3, 4):
+        yield script().connect(0, 0).subscribe(0, (2, 2)).callbacks(reaction << 2, 0).connect(1, 1, 0x06, (), (0, 3)).subscribe(
+            1, (0, 1)).publish(1, 0, 1).drop(1).kick(0).house(4).flush()
+    yield script().connect(0, 0, 0x82).clock(11).house(2).connect(1, 1, 0x80).clock(19).house(2).house(5).add(
+        0xA6, 0xE0).house(6).add(0xA6, 0xE1).house(2)
+    yield script().add(0xA0, 0).ping(0).subscribe(0, (0, 1)).add(0xA8, 7, 1).clock(10).add(0xA8, 7, 1).connect(0, 0)
+    yield script().connect(0, 9, 0x00).subscribe(0, (0, 1), (13, 2)).drop(0).connect(1, 8, 0x00).subscribe(1, (0, 1)).drop(
+        1).connect(2, 10, 0x00).subscribe(2, (0, 1)).drop(2).connect(3, 12, 0x00).subscribe(3, (0, 1)).drop(3).connect(
+            4, 1).publish(4, 0, 2).application(0).restart().connect(0, 9, 0x00).connect(1, 8, 0x00)
+
+
+def connections_seeds():
+    for header in (0, 1, 2, 3, 4, 8):
+        for script in connection_scripts(header):
+            yield script.raw
+
+
+SEEDS = {"codec": codec_seeds, "netip": netip_seeds, "sub": sub_seeds, "connections": connections_seeds}
 
 
 def main(names):
