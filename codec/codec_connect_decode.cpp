@@ -84,6 +84,11 @@ int read_protocol(byte_reader *r, mqtt_codec_ctx *ctx, uint8_t *level) noexcept 
         ZEB_LOG(AGENT_LOG_ERROR, "CONNECT decode: unsupported version %d (only 4/5 allowed)", *level);
         return MQTT_CODEC_ERR_VERSION;
     }
+    if (codec_level_is_fixed(ctx) && *level != codec_level(ctx)) {
+        ZEB_LOG(AGENT_LOG_ERROR, "CONNECT decode: level %d on a connection of level %u", *level,
+                codec_level(ctx));
+        return MQTT_CODEC_ERR_VERSION;
+    }
     codec_set_level(ctx, *level);
     return MQTT_CODEC_OK;
 }

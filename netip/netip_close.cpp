@@ -88,30 +88,32 @@ bool netip_in_callback() {
 
 namespace {
 
-// `generation` null: whichever connection has the handle.
-void close_handle(netip_handle h, const uint32_t *generation) {
-    if (h >= NETIP_MAX_CONN) return;
+// Closes the connection that has the handle, if there is one and it is meant: `is_meant` is asked under the
+// slot lock. Whether it was closed.
+template <typename Predicate>
+bool close_handle(netip_handle h, Predicate is_meant) {
+    if (h >= NETIP_MAX_CONN) return false;
     netip_conn &conn = g_netip_clients[h];
-    if (conn.in_use.load(std::memory_order_relaxed) == 0) return;
+    if (conn.in_use.load(std::memory_order_relaxed) == 0) return false;
     {
         std::lock_guard guard(conn.lock);
-        if (conn.in_use.load(std::memory_order_relaxed) == 0) return;
-        if (generation != nullptr && !netip_is_current(conn, *generation)) return;
+        if (conn.in_use.load(std::memory_order_relaxed) == 0 || !is_meant(conn)) return false;
         mark_closing(conn);
     }
     const bool close_socket = netip_fire(h, NETIP_EVENT_DISCONNECT, nullptr, 0, NETIP_REASON_CLOSED);
     std::lock_guard guard(conn.lock);
     release_slot(conn, !close_socket);
+    return true;
 }
 
 }  // namespace
 
 void netip_close(netip_handle h) {
-    close_handle(h, nullptr);
+    close_handle(h, [](const netip_conn &) { return true; });
 }
 
 void netip_close_connection(netip_handle h, uint32_t generation) {
-    close_handle(h, &generation);
+    close_handle(h, [generation](const netip_conn &conn) { return netip_is_current(conn, generation); });
 }
 
 void netip_admit(netip_handle h, uint32_t generation) {
@@ -124,20 +126,14 @@ void netip_admit(netip_handle h, uint32_t generation) {
 int netip_close_unadmitted(uint64_t limit_ms) {
     const uint64_t now = platform_mono_ms();
     const uint32_t used = netip_table_used();
+    const auto is_overdue = [now, limit_ms](const netip_conn &conn) {
+        return conn.admitted.load(std::memory_order_relaxed) == 0 && now >= conn.opened_ms + limit_ms;
+    };
     int closed = 0;
     for (netip_handle h = 0; h < used; ++h) {
-        netip_conn &conn = g_netip_clients[h];
-        if (conn.in_use.load(std::memory_order_relaxed) == 0) continue;
-        if (conn.admitted.load(std::memory_order_relaxed) != 0) continue;
-        uint32_t generation = 0;
-        {
-            std::lock_guard guard(conn.lock);
-            if (conn.admitted.load(std::memory_order_relaxed) != 0) continue;
-            if (now < conn.opened_ms + limit_ms) continue;
-            generation = conn.generation.load(std::memory_order_relaxed);
-        }
-        netip_close_connection(h, generation);
-        ++closed;
+        // Most slots are told apart without their lock.
+        if (g_netip_clients[h].admitted.load(std::memory_order_relaxed) != 0) continue;
+        if (close_handle(h, is_overdue)) ++closed;
     }
     return closed;
 }

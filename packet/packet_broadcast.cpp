@@ -12,6 +12,10 @@ namespace zeb {
 
 namespace {
 
+// Whether a property section stands before the payload. Kept: by_subscriber asks the level of whoever gets
+// it.
+enum class property_section { by_subscriber, present, absent };
+
 // The layout presumes a one-byte remaining length; a longer packet fails the topic check below. Kept.
 struct raw_publication {
     const uint8_t *bytes;
@@ -20,6 +24,7 @@ struct raw_publication {
     uint8_t retain;
     int payload_start;
     bool is_will;
+    property_section section;
     char topic[257];
 };
 
@@ -49,13 +54,17 @@ bool parse(const uint8_t *msg, int len, raw_publication *out) {
     return true;
 }
 
-// A level 5 subscriber's copy starts behind a property section, whose length is taken from the packet and so
-// may point anywhere; a level 4 subscriber gets that section as the head of its payload. Kept.
+bool has_section(const raw_publication &raw, const mqtt_client *subscriber) {
+    if (raw.section != property_section::by_subscriber) return raw.section == property_section::present;
+    return subscriber->codec.protocol_version.load(std::memory_order_relaxed) == 5;
+}
+
+// Behind the section, whose length is taken from the packet and so may point anywhere. By the subscriber's
+// level, one of level 4 gets the section as the head of its payload; kept.
 bool take_payload(const raw_publication &raw, const mqtt_client *subscriber, int number,
                   mqtt_publish_para *out) {
     int start = raw.payload_start;
-    const bool level_5 = subscriber->codec.protocol_version.load(std::memory_order_relaxed) == 5;
-    if (level_5 && start < raw.len) start += raw.bytes[start] + 1;
+    if (has_section(raw, subscriber) && start < raw.len) start += raw.bytes[start] + 1;
     if (start >= raw.len) {
         ZEB_LOG(AGENT_LOG_ERROR,
                 "[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%d, len=%d, msg_len=%d）", number,
@@ -157,11 +166,10 @@ void list_subscribers(const routing_scratch &scratch, int count) {
                   scratch.route(i).client_id, scratch.route(i).filter, scratch.route(i).qos);
 }
 
-}  // namespace
-
-void packet_handler_broadcast_msg(const uint8_t *msg, int len, uint8_t is_will) {
+void broadcast(const uint8_t *msg, int len, bool is_will, property_section section) {
     raw_publication raw;
-    raw.is_will = is_will != 0;
+    raw.is_will = is_will;
+    raw.section = section;
     if (!parse(msg, len, &raw)) return;
     ZEB_LOG(AGENT_LOG_INFO,
             "[遗嘱调试][广播开始] Topic=%s, 原始QoS=%d, 消息长度=%d, 开始匹配订阅者（上限=%d）", raw.topic,
@@ -181,6 +189,16 @@ void packet_handler_broadcast_msg(const uint8_t *msg, int len, uint8_t is_will) 
     }
     list_subscribers(scratch, count);
     fan_out(raw, scratch, count);
+}
+
+}  // namespace
+
+void packet_handler_broadcast_msg(const uint8_t *msg, int len, uint8_t is_will) {
+    broadcast(msg, len, is_will != 0, property_section::by_subscriber);
+}
+
+void packet_broadcast_will(const uint8_t *msg, int len, bool has_properties) {
+    broadcast(msg, len, true, has_properties ? property_section::present : property_section::absent);
 }
 
 }  // namespace zeb

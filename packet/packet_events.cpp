@@ -51,6 +51,12 @@ client_ref create_on_first_packet(uint32_t handle, void *arg) {
         netip_close(handle);
         return {};
     }
+    // The connection may have been closed, by the limit for CONNECT, before its record could be found. The
+    // slot is pinned meanwhile, so that nobody else has it.
+    if (netip_get_client_ip(handle, from.ip, sizeof from.ip) == 0) {
+        client_close(client);
+        return {};
+    }
     // By the handle again: another thread may have closed the record already.
     return client_acquire_by_handle(handle);
 }
@@ -168,9 +174,10 @@ void drop_late_subscriptions(mqtt_client *client) {
     sub_remove(client->client_id, nullptr);
 }
 
+// Only an accepted CONNECT names a record, on this thread.
 bool is_too_early(const mqtt_client *client, int type) {
     return is_set(g_packet_options.require_connect) && type != MQTT_PKT_CONNECT &&
-           client->state.load(std::memory_order_relaxed) == CONNECTED;
+           client->client_id[0] == '\0';
 }
 
 }  // namespace

@@ -38,6 +38,10 @@ void packet_decode_failed(const mqtt_client *client, const char *type_name, int 
 bool packet_send_ack(mqtt_client *client, int type, const mqtt_ack_para &ack);
 bool packet_send_id_ack(mqtt_client *client, int type, uint16_t msg_id);
 
+// As packet_handler_broadcast_msg for a will whose packet was built by a connection of a fixed level: what
+// precedes the payload depends on the packet and not on who gets it. Any thread.
+void packet_broadcast_will(const uint8_t *msg, int len, bool has_properties);
+
 // Hands what is queued to the socket now, because the connection is about to be closed; waits 10 ms once when
 // the socket is full. Any thread.
 void packet_flush_before_close(mqtt_client *client);

@@ -33,13 +33,17 @@ bool copy_will(mqtt_client *client, mqtt_publish_para *out) {
 bool publish(mqtt_client *client, const mqtt_publish_para &will) {
     uint8_t buf[k_will_buf_bytes];
     int len = sizeof buf;
+    const uint32_t level = client->codec.protocol_version.load(std::memory_order_relaxed);
     const int code = mqtt_codec_encode_publish(&client->codec, &will, buf, &len);
     if (code != MQTT_CODEC_OK || len <= 0) {
         ZEB_LOG(AGENT_LOG_ERROR, "[WILL] 编码失败 | code=%d | len=%d", code, len);
         return false;
     }
     ZEB_LOG(AGENT_LOG_INFO, "[WILL] 编码成功 | len=%d | 开始广播", len);
-    packet_handler_broadcast_msg(buf, len, 1);
+    if (client->codec.level_fixed.load(std::memory_order_relaxed) != 0)
+        packet_broadcast_will(buf, len, level == 5);
+    else
+        packet_handler_broadcast_msg(buf, len, 1);
     return true;
 }
 

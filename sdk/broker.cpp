@@ -103,9 +103,9 @@ void mark_done(std::atomic<int64_t> *stamp) {
     stamp->store(platform_wall_sec(), std::memory_order_relaxed);
 }
 
-void housekeeping_pass(const mqtt_broker_instance *b) {
+void housekeeping_pass(mqtt_broker_instance *b) {
     if (is_due(last_clean, k_clean_period_s)) {
-        client_clean_timeout(b->keepalive_timeout * 1000u);
+        client_clean_timeout(broker_field(b->keepalive_timeout) * 1000u);
         mark_done(&last_clean);
     }
     if (is_due(last_stats_print, k_stats_period_s)) {
@@ -117,7 +117,7 @@ void housekeeping_pass(const mqtt_broker_instance *b) {
         retain_clean_expired();
         mark_done(&last_retain_clean);
     }
-    const int connect_timeout_s = b->options[MQTT_BROKER_OPTION_CONNECT_TIMEOUT];
+    const int connect_timeout_s = broker_field(b->options[MQTT_BROKER_OPTION_CONNECT_TIMEOUT]);
     if (connect_timeout_s != 0 && is_due(last_admission_check, k_admission_period_s)) {
         const int closed = netip_close_unadmitted(static_cast<uint64_t>(connect_timeout_s) * 1000u);
         if (closed != 0) ZEB_LOG(AGENT_LOG_WARN, "[SDK] closed %d connections without CONNECT", closed);

@@ -7,6 +7,7 @@
 #include "log/agent_log.h"
 #include "log/platform_time.h"
 #include "packet/packet_handler.h"
+#include "sdk/sdk_internal.h"
 #include "sdk/zeb_sdk_mqtt_broker.h"
 #include "stats/mqtt_stats.h"
 #include "sub/retain_store.h"
@@ -16,12 +17,6 @@ using namespace zeb;
 namespace {
 
 constexpr uint8_t k_reason_administrative_action = 0x98;
-
-bool is_null(const mqtt_broker_instance *b) {
-    if (b != nullptr) return false;
-    ZEB_LOG(AGENT_LOG_ERROR, "[SDK] invalid broker handle");
-    return true;
-}
 
 template <typename Callback>
 void set_callback(Callback &field, Callback cb) {
@@ -58,7 +53,7 @@ int zeb_sdk_mqtt_broker_get_client_id_list(mqtt_broker_instance *, char *buf, in
 
 int zeb_sdk_mqtt_broker_get_client_info(mqtt_broker_instance *b, const char *client_id,
                                         mqtt_broker_client_info *out) {
-    if (is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b)) return MQTT_BROKER_ERR_PARAM;
     if (client_id == nullptr || out == nullptr) return MQTT_BROKER_ERR_PARAM;
     const client_ref client = client_acquire_by_cid(client_id);
     if (!client) return MQTT_BROKER_ERR_NOT_FOUND;
@@ -67,8 +62,11 @@ int zeb_sdk_mqtt_broker_get_client_info(mqtt_broker_instance *b, const char *cli
                 client_id);
         return MQTT_BROKER_ERR_DENIED;
     }
+    char id[65];
+    client_copy_id(client.get(), id);
+    if (strcmp(id, client_id) != 0) return MQTT_BROKER_ERR_NOT_FOUND;  // renamed since it was found
     memset(out, 0, sizeof *out);
-    client_copy_id(client.get(), out->client_id);
+    memcpy(out->client_id, id, sizeof id);
     client_copy_ip(client.get(), out->ip);
     out->port = client->port.load(std::memory_order_relaxed);
     out->keepalive = static_cast<uint16_t>(client->keepalive.load(std::memory_order_relaxed) / 1000u);
@@ -79,7 +77,7 @@ int zeb_sdk_mqtt_broker_get_client_info(mqtt_broker_instance *b, const char *cli
 }
 
 int zeb_sdk_mqtt_broker_kick_client(mqtt_broker_instance *b, const char *client_id) {
-    if (is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b)) return MQTT_BROKER_ERR_PARAM;
     if (client_id == nullptr || client_id[0] == '\0') return MQTT_BROKER_ERR_PARAM;
     const client_ref client = client_acquire_by_cid(client_id);
     if (!client) {

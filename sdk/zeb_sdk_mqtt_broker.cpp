@@ -65,18 +65,14 @@ bool is_valid_option(mqtt_broker_option option, int value) {
 }
 
 // To the modules that know no instance.
-void apply_options(const mqtt_broker_instance *b) {
-    const auto flag = [b](mqtt_broker_option option) { return static_cast<uint8_t>(b->options[option]); };
+void apply_options(mqtt_broker_instance *b) {
+    const auto flag = [b](mqtt_broker_option option) {
+        return static_cast<uint8_t>(broker_field(b->options[option]));
+    };
     g_packet_options.require_connect.store(flag(MQTT_BROKER_OPTION_REQUIRE_CONNECT),
                                            std::memory_order_relaxed);
     g_packet_options.level_by_connect.store(flag(MQTT_BROKER_OPTION_LEVEL_BY_CONNECT),
                                             std::memory_order_relaxed);
-}
-
-bool is_null(const mqtt_broker_instance *b) {
-    if (b != nullptr) return false;
-    ZEB_LOG(AGENT_LOG_ERROR, "[SDK] invalid broker handle");
-    return true;
 }
 
 // stop, deinit and destroy wait for threads of ours, so none of these may ask for them; and a start while
@@ -111,7 +107,7 @@ int start_modules(mqtt_broker_instance *b, int max_clients) {
             ZEB_LOG(AGENT_LOG_ERROR, "[SDK] client_mgr_init failed");
             return MQTT_BROKER_ERR_RESOURCE;
         }
-        g_default_max_packet_size.store(b->max_packet_size, std::memory_order_relaxed);
+        g_default_max_packet_size.store(broker_field(b->max_packet_size), std::memory_order_relaxed);
         apply_options(b);
         err = netip_init(mqtt_netip_event_cb, b, 1);
         if (err == NETIP_OK) return MQTT_BROKER_OK;
@@ -143,11 +139,13 @@ mqtt_broker_instance *zeb_sdk_mqtt_broker_create(void) {
 }
 
 int zeb_sdk_mqtt_broker_init(mqtt_broker_instance *b) {
-    if (is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    const mqtt_broker_instance *serving = s_serving.load(std::memory_order_relaxed);
+    if (serving != nullptr && serving != b) return MQTT_BROKER_OK;  // its log, counters and tables are live
     const agent_log_config log{AGENT_LOG_WARN, AGENT_LOG_OUT_STDOUT | AGENT_LOG_OUT_FILE, 0, 256, nullptr};
     agent_log_init(&log);
     mqtt_stats_init();
-    if (s_serving.load(std::memory_order_relaxed) != nullptr) return MQTT_BROKER_OK;  // the tables are live
+    if (serving != nullptr) return MQTT_BROKER_OK;  // the tables are live
     // Initialising cannot fail: a table that could not be had is logged there, and answers as if it were
     // full.
     (void)packet_handler_init();
@@ -157,7 +155,7 @@ int zeb_sdk_mqtt_broker_init(mqtt_broker_instance *b) {
 }
 
 int zeb_sdk_mqtt_broker_start(mqtt_broker_instance *b, int port, int max_clients) {
-    if (is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b)) return MQTT_BROKER_ERR_PARAM;
     if (broker_is_running(b)) {
         ZEB_LOG(AGENT_LOG_ERROR, "[SDK] start failed: broker is already running");
         return MQTT_BROKER_ERR_BUSY;
@@ -188,7 +186,7 @@ int zeb_sdk_mqtt_broker_start(mqtt_broker_instance *b, int port, int max_clients
 }
 
 int zeb_sdk_mqtt_broker_stop(mqtt_broker_instance *b) {
-    if (is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b)) return MQTT_BROKER_ERR_PARAM;
     if (refused_in_callback("stop")) return MQTT_BROKER_ERR_BUSY;
     end_housekeeping(b);
     ZEB_LOG(AGENT_LOG_INFO, "[SDK] broker stopped");
@@ -196,7 +194,7 @@ int zeb_sdk_mqtt_broker_stop(mqtt_broker_instance *b) {
 }
 
 void zeb_sdk_mqtt_broker_deinit(mqtt_broker_instance *b) {
-    if (is_null(b) || refused_in_callback("deinit")) return;
+    if (broker_is_null(b) || refused_in_callback("deinit")) return;
     const mqtt_broker_instance *serving = s_serving.load(std::memory_order_relaxed);
     if (serving == nullptr || serving == b) {
         end_housekeeping(b);  // it works on the modules that go now
@@ -220,7 +218,7 @@ void zeb_sdk_mqtt_broker_destroy(mqtt_broker_instance *b) {
 }
 
 int zeb_sdk_mqtt_broker_is_running(mqtt_broker_instance *b) {
-    return is_null(b) ? 0 : std::atomic_ref<uint8_t>(b->running).load(std::memory_order_relaxed);
+    return broker_is_null(b) ? 0 : std::atomic_ref<uint8_t>(b->running).load(std::memory_order_relaxed);
 }
 
 int zeb_sdk_mqtt_broker_set_log_level(mqtt_broker_instance *, int level) {
@@ -229,35 +227,35 @@ int zeb_sdk_mqtt_broker_set_log_level(mqtt_broker_instance *, int level) {
 }
 
 int zeb_sdk_mqtt_broker_set_keepalive_timeout(mqtt_broker_instance *b, int seconds) {
-    if (is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b)) return MQTT_BROKER_ERR_PARAM;
     if (broker_is_running(b)) {
         ZEB_LOG(AGENT_LOG_ERROR, "[SDK] set_keepalive_timeout failed: broker is already running");
         return MQTT_BROKER_ERR_BUSY;
     }
     if (seconds < 1 || seconds > k_max_keepalive_s) return MQTT_BROKER_ERR_PARAM;
-    b->keepalive_timeout = static_cast<uint32_t>(seconds);
+    broker_set_field(b->keepalive_timeout, static_cast<uint32_t>(seconds));
     ZEB_LOG(AGENT_LOG_INFO, "[SDK] set keepalive timeout = %d sec", seconds);
     return MQTT_BROKER_OK;
 }
 
 int zeb_sdk_mqtt_broker_set_max_packet_size(mqtt_broker_instance *b, int bytes) {
-    if (is_null(b)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b)) return MQTT_BROKER_ERR_PARAM;
     if (broker_is_running(b)) {
         ZEB_LOG(AGENT_LOG_ERROR, "[SDK] set_max_packet_size failed: broker is already running");
         return MQTT_BROKER_ERR_BUSY;
     }
     if (bytes < k_min_packet_size || bytes > k_max_packet_size) return MQTT_BROKER_ERR_PARAM;
-    b->max_packet_size = static_cast<uint32_t>(bytes);
+    broker_set_field(b->max_packet_size, static_cast<uint32_t>(bytes));
     return MQTT_BROKER_OK;
 }
 
 int zeb_sdk_mqtt_broker_set_option(mqtt_broker_instance *b, mqtt_broker_option option, int value) {
-    if (is_null(b) || !is_valid_option(option, value)) return MQTT_BROKER_ERR_PARAM;
+    if (broker_is_null(b) || !is_valid_option(option, value)) return MQTT_BROKER_ERR_PARAM;
     if (broker_is_running(b)) {
         ZEB_LOG(AGENT_LOG_ERROR, "[SDK] set_option failed: broker is already running");
         return MQTT_BROKER_ERR_BUSY;
     }
-    b->options[option] = value;
+    broker_set_field(b->options[option], value);
     ZEB_LOG(AGENT_LOG_INFO, "[SDK] set option %d = %d", static_cast<int>(option), value);
     return MQTT_BROKER_OK;
 }

@@ -9,7 +9,7 @@
  *
  * Callbacks. NULL (the default) means: accept, allow, tell nobody. They run on threads of the library,
  * several may run at once, and no lock of the library is held meanwhile: every function of this header but
- * stop, deinit and destroy may be called from inside. A callback that blocks holds up the traffic of all
+ * init, start, stop, deinit and destroy may be called from inside. A callback that blocks holds up the traffic of all
  * clients. All pointers that it is given are valid only until it returns.
  */
 #ifndef ZEB_SDK_MQTT_BROKER_H

@@ -1,3 +1,5 @@
+#include <memory>
+
 #include "tests/codec/codec_test.h"
 
 using namespace zeb_test;
@@ -107,6 +109,24 @@ TEST_F(publish_level_fixed, a_ping_with_a_body_leaves_the_level_alone) {
     int len = 3;
     EXPECT_EQ(mqtt_codec_decode_simple(&ctx, MQTT_PKT_PINGREQ, in.data(), &len), 0);
     EXPECT_EQ(ctx.protocol_version, 4u);
+}
+
+TEST_F(publish_level_fixed, a_connect_of_the_other_level_is_refused) {
+    for (const uint32_t level : {4u, 5u}) {
+        mqtt_codec_ctx_init(&ctx);
+        set_level(&ctx, level);
+        ctx.level_fixed = 1;
+        const bytes same = hex(level == 4 ? "10 0D 00 04 'MQTT' 04 02 00 3C 00 01 'a'"
+                                          : "10 0E 00 04 'MQTT' 05 02 00 3C 00 00 01 'a'");
+        const bytes other = hex(level == 5 ? "10 0D 00 04 'MQTT' 04 02 00 3C 00 01 'a'"
+                                           : "10 0E 00 04 'MQTT' 05 02 00 3C 00 00 01 'a'");
+        const auto record = std::make_unique<mqtt_connect_para>();
+        int len = static_cast<int>(same.size());
+        EXPECT_EQ(mqtt_codec_decode_connect(&ctx, same.data(), &len, record.get()), 0);
+        len = static_cast<int>(other.size());
+        EXPECT_EQ(mqtt_codec_decode_connect(&ctx, other.data(), &len, record.get()), MQTT_CODEC_ERR_VERSION);
+        EXPECT_EQ(ctx.protocol_version, level);
+    }
 }
 
 TEST_F(publish_level_fixed, a_new_context_follows_the_shape) {

@@ -139,7 +139,11 @@ TEST_F(sdk_lifecycle, a_second_instance_may_come_and_go_whole_beside_the_first) 
     mqtt_peer peer("c");
     ASSERT_EQ(zeb::sub_add("c", "kept", 0, 1), 0);
     mqtt_broker_instance *second = zeb_sdk_mqtt_broker_create();
+    const uint64_t received = zeb::g_mqtt_stats.pkt_rx;
+    EXPECT_GT(received, 0u);
     EXPECT_EQ(zeb_sdk_mqtt_broker_init(second), 0);
+    EXPECT_EQ(zeb::g_mqtt_stats.pkt_rx, received) << "its counters are live";
+    EXPECT_EQ(zeb::g_log_config.level, static_cast<uint32_t>(zeb::AGENT_LOG_FATAL)) << "its log as well";
     EXPECT_EQ(zeb_sdk_mqtt_broker_start(second, 1883, 10), -3);
     zeb_sdk_mqtt_broker_deinit(second);
     zeb_sdk_mqtt_broker_destroy(second);

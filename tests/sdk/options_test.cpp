@@ -1,4 +1,10 @@
 // What goes beyond the fixed behaviour, switched on one by one.
+#include <pthread.h>
+#include <time.h>
+
+#include <cstring>
+#include <thread>
+
 #include "packet/packet_handler.h"
 #include "tests/sdk/sdk_fixture.h"
 
@@ -142,6 +148,92 @@ TEST_F(sdk_connect_timeout, silent_and_unaccepted_connections_are_closed_in_time
     EXPECT_EQ(b.ids(), "proper");
     clock.advance_ms(3600000);
     EXPECT_TRUE(proper.is_served()) << "once accepted, the time-out is over";
+}
+
+// Holds the I/O thread where it creates a record, before the record can be found.
+class held_clock {
+  public:
+    held_clock() {
+        held() = 0;
+        zeb::platform_set_clock(&table());
+    }
+    ~held_clock() { zeb::platform_set_clock(nullptr); }
+    held_clock(const held_clock &) = delete;
+    held_clock &operator=(const held_clock &) = delete;
+    // 0 off, 1 hold the next, 2 one is held, 3 let it go
+    static std::atomic<int> &held() {
+        static std::atomic<int> v;
+        return v;
+    }
+
+  private:
+    static uint64_t mono_ms() {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        int hold = 1;
+        if (strncmp(name, "zeb-io", 6) == 0 && held().compare_exchange_strong(hold, 2))
+            while (held() == 2) std::this_thread::yield();
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    }
+    static const zeb::platform_clock &table() {
+        static const zeb::platform_clock clock{mono_ms, nullptr, nullptr};
+        return clock;
+    }
+};
+
+TEST(sdk_options, a_connection_closed_while_its_record_is_created_leaves_no_record) {
+    held_clock clock;
+    broker b;
+    ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1), 0);
+    ASSERT_EQ(b.start(50), 0);
+    mqtt_peer victim;
+    ASSERT_TRUE(zeb_test::eventually([] { return zeb::g_netip_clients[0].in_use == 1; }));
+    held_clock::held() = 1;
+    ASSERT_TRUE(victim.send(zeb_test::connect_packet("victim")));
+    ASSERT_TRUE(zeb_test::eventually([] { return held_clock::held() == 2; }));
+    EXPECT_EQ(zeb::netip_close_unadmitted(0), 1);
+    held_clock::held() = 3;
+    EXPECT_TRUE(victim.closed_somehow());
+    EXPECT_TRUE(zeb_test::eventually([] { return zeb::g_client_mgr.client_count == 0; }));
+    EXPECT_EQ(b.ids(), "");
+    {
+        const std::lock_guard lock(zeb::g_netip_lock);
+        zeb::g_last_handle = 0;  // the next connection gets the handle again
+    }
+    mqtt_peer fresh;
+    ASSERT_TRUE(fresh.send("C0 00"));
+    EXPECT_EQ(dump(fresh.read()), dump(bytes{})) << "nothing of the victim's";
+    EXPECT_TRUE(fresh.closed_somehow());
+}
+
+TEST_F(sdk_connect_timeout, a_malformed_connect_buys_no_time) {
+    start(30);
+    mqtt_peer malformed;
+    ASSERT_TRUE(malformed.send("10 0D 00 04 'MQTT' 06 02 00 3C 00 01 'a'"));
+    ASSERT_TRUE(malformed.is_served());
+    clock.advance_ms(31000);
+    EXPECT_TRUE(malformed.closed_somehow());
+}
+
+TEST_F(sdk_connect_timeout, a_handle_that_was_admitted_before_is_not_spared) {
+    start(30);
+    {
+        mqtt_peer earlier("earlier");
+        ASSERT_TRUE(earlier.send("E0 00"));
+        ASSERT_TRUE(earlier.closed_somehow());
+    }
+    ASSERT_TRUE(zeb_test::eventually([] { return connections() == 0; }));
+    {
+        const std::lock_guard lock(zeb::g_netip_lock);
+        zeb::g_last_handle = 0;
+    }
+    mqtt_peer silent;
+    ASSERT_TRUE(zeb_test::eventually([] { return zeb::g_netip_clients[0].in_use == 1; }));
+    zeb::netip_admit(0, zeb::g_netip_clients[0].generation - 1);  // of the earlier one: too late
+    clock.advance_ms(31000);
+    EXPECT_TRUE(silent.closed_somehow());
 }
 
 TEST_F(sdk_connect_timeout, off_leaves_silent_connections_alone) {

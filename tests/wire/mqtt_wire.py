@@ -172,10 +172,10 @@ class Conn:
         assert got == wanted, "\nexpected: %s\nactual:   %s" % (hexs(wanted), hexs(got))
         return pid
 
-    def expect_closed(self, *last_packets):
+    def expect_closed(self, *last_packets, deadline_s=DEADLINE_S):
         """These packets still come, then the broker closes the connection."""
         self.expect(*last_packets)
-        deadline = time.monotonic() + DEADLINE_S
+        deadline = time.monotonic() + deadline_s
         try:
             while self._fill(deadline):
                 pass
