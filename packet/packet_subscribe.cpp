@@ -1,6 +1,5 @@
 // SUBSCRIBE and UNSUBSCRIBE.
 #include <cstring>
-#include <string_view>
 
 #include "log/agent_log.h"
 #include "packet/packet_handler.h"
@@ -51,14 +50,15 @@ uint32_t subscribe_one(mqtt_client *client, int i, const char *filter, uint32_t 
 // False once the record is full: the rest of the packet is live but not recorded.
 bool record_one(persist_session *session, const char *filter, uint32_t qos) {
     if (session->sub_count >= k_recorded_subs_max) return false;
-    const std::string_view text(filter, strnlen(filter, k_recorded_filter_max));
     for (int i = 0; i < session->sub_count; ++i) {
-        if (text != session->subs[i].topic) continue;
+        if (strcmp(session->subs[i].topic, filter) != 0) continue;
         session->subs[i].qos = static_cast<uint8_t>(qos);
         return true;
     }
     persist_sub &entry = session->subs[session->sub_count];
-    entry.topic[text.copy(entry.topic, text.size())] = '\0';
+    const std::size_t len = strnlen(filter, k_recorded_filter_max);
+    memcpy(entry.topic, filter, len);
+    entry.topic[len] = '\0';
     entry.qos = static_cast<uint8_t>(qos);
     ++session->sub_count;
     return true;

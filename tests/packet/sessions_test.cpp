@@ -163,18 +163,6 @@ TEST_F(packet_sessions, the_subscription_file_lists_the_first_32_of_40_filters) 
               calls());
 }
 
-TEST_F(packet_sessions, a_long_filter_that_is_subscribed_again_fills_one_place) {
-    mqtt_client *client = kept("x");
-    const std::string filter(70, 'f');
-    for (int i = 0; i < 40; ++i) give(client, subscribe_packet(3, {{filter, i % 3}}));
-    give(client, subscribe_packet(3, {{"other", 1}, {std::string(63, 'f') + "/other", 2}, {"fff", 0}}));
-    ASSERT_EQ(3u, store().sessions["x"].subs.size());
-    EXPECT_EQ(std::string(63, 'f'), store().sessions["x"].subs[0].filter);
-    EXPECT_EQ(2, store().sessions["x"].subs[0].qos);
-    EXPECT_EQ("other", store().sessions["x"].subs[1].filter);
-    EXPECT_EQ("fff", store().sessions["x"].subs[2].filter);
-}
-
 TEST_F(packet_sessions, the_subscriptions_of_a_clean_session_are_not_saved) {
     mqtt_client *client = join("x");
     (void)calls();
