@@ -223,6 +223,7 @@ void packet_on_connect(mqtt_client *client, const uint8_t *data, int len) {
         refuse(client);
         return;
     }
+    if (!client_is_online(client)) return;  // the callback, or another thread, has closed it
     const bool was_clean =
         client->clean_session.exchange(connect.clean_start, std::memory_order_relaxed) != 0;
     client_set_keepalive(client, connect.keep_alive);

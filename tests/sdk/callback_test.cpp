@@ -205,6 +205,23 @@ TEST_F(sdk_callback, the_acl_callback_may_kick_the_client_it_decides_about) {
     EXPECT_EQ(zeb::g_sub_mgr.sub_count, 0) << "a subscription allowed too late stays not behind";
 }
 
+int kick_and_admit(mqtt_broker_instance *b, const mqtt_connect_para *connect, const char *, const char *) {
+    zeb_sdk_mqtt_broker_kick_client(b, connect->client_id);
+    return 1;
+}
+
+TEST_F(sdk_callback, the_auth_callback_may_kick_the_client_it_decides_about) {
+    broker b(10);
+    mqtt_peer peer("c");
+    zeb_sdk_mqtt_broker_register_event_callback(b.get(), callbacks::on_event);
+    zeb_sdk_mqtt_broker_register_auth_callback(b.get(), kick_and_admit);
+    ASSERT_TRUE(peer.send(zeb_test::connect_packet("c")));
+    EXPECT_EQ(dump(peer.read()), "E0 00");
+    EXPECT_TRUE(peer.closed_somehow());
+    EXPECT_TRUE(eventually([] { return zeb::g_client_mgr.client_count == 0; }));
+    EXPECT_TRUE(events(MQTT_BROKER_EVENT_CONNECT).empty()) << "it is gone";
+}
+
 TEST_F(sdk_callback, a_client_may_be_kicked_from_every_event_about_it) {
     for (uint32_t kind = MQTT_BROKER_EVENT_CONNECT; kind <= MQTT_BROKER_EVENT_WILL; ++kind) {
         broker b(10);
