@@ -287,7 +287,73 @@ def connections_seeds():
             yield script.raw
 
 
-SEEDS = {"codec": codec_seeds, "netip": netip_seeds, "sub": sub_seeds, "connections": connections_seeds}
+def entry(kind, form, client, content=b""):
+    """One file of persist_fuzz.cpp: kind 0..2 of client `client`, whose form 6 is a plain file in its place."""
+    return bytes([kind | form << 2, client]) + content
+
+
+def raw_content(value):
+    return b"\x00" + block(value)
+
+
+def retain_file(records, log=None, changes=b"\x00"):
+    flags = 0
+    while flags % 6 != records or bool(flags & 0x40) != (log is not None):
+        flags += 1
+    raw = bytes([flags])
+    for number in range(records):
+        raw += block("t/%d" % number) + bytes([3 + number, 0x70, number % 3]) + struct.pack(">HH", 32768, 0)
+    if log is not None:
+        raw += bytes([len(log), 0, 0])
+        for slot, topic in log:
+            raw += block(topic) + bytes([5, slot, 1, 0, 0x71])
+    return raw + changes + b"\x00"
+
+
+SESSION = (b'{"client_id":"a","clean_session":false,"clean_start":false,"session_expiry_interval":60,'
+           b'"session_expiry_deadline":1700000060,"last_online":0,"will_flag":true,"will_topic":"will/t","will_qos":1,'
+           b'"will_len":4,"will_payload":"676f6e65","will_delay_interval":5,"will_msg_expiry_interval":10,'
+           b'"will_payload_format":0,"will_content_type":"","will_response_topic":"","will_correlation_len":0}')
+SUBS = b'{"subs":[{"topic":"t","qos":1},{"topic":"a/#","qos":2},{"topic":"a+","qos":0},{"topic":"","qos":3}]}'
+MSGS = (b'{"msgs":[{"msgid":1,"qos":1,"topic":"t","payload":"70"},{"msgid":2,"qos":2,"topic":"a/b","payload":"' +
+        b"61" * 100 + b'"},{"msgid":65535,"qos":0,"topic":"t","payload":""}]}')
+
+
+def persist_seeds():
+    long_msgs = b'{"msgs":[' + b",".join(
+        b'{"msgid":%d,"qos":1,"topic":"t","payload":"%s"}' % (n, b"6a" * 300) for n in range(1, 12)) + b"]}"
+    many_subs = b'{"subs":[' + b",".join(b'{"topic":"f/%d","qos":%d}' % (n, n % 3) for n in range(90)) + b"]}"
+    files = {0: SESSION, 1: SUBS, 2: MSGS}
+    use = bytes([0x10, 0, 0, 0x10, 0, 1, 0x10, 0, 0x33]) + block("t/9") + bytes([0x10, 0, 4, 0, 2, 0x10, 0, 0])
+    for kind, content in files.items():
+        for cut in (len(content), len(content) - 3, len(content) // 2):
+            yield bytes([0]) + entry(kind, 6, 0, raw_content(content[:cut])) + use
+        yield bytes([0]) + entry(kind, 1, 0, raw_content(content)) + use
+        for form in (0, 2, 3, 4, 5):
+            body = raw_content(content) if form == 0 else b""
+            yield bytes([1]) + entry(kind, form, 1, body) + entry(kind, 6, 0, raw_content(content)) + use
+    whole = b"".join(entry(kind, 6, 0, raw_content(content)) for kind, content in files.items())
+    yield bytes([2]) + whole + use
+    yield bytes([0x82]) + whole + use
+    yield bytes([1]) + entry(2, 6, 0, raw_content(long_msgs)) + entry(1, 6, 0, raw_content(many_subs)) + use
+    for number in range(4):
+        yield bytes([0]) + entry(number % 3, 6, number, b"\xff\x30" + bytes(range(number, 48 + number))) + use
+    store = bytes([0xA0, 0x81]) + block("new/t") + bytes([0xA1, 0x02, 0xA2, 0x00, 0xFA, 0xA0, 0x85]) + block("x")
+    for records in (0, 1, 2, 5):
+        yield bytes([0, 3]) + retain_file(records) + store
+        yield bytes([0, 3]) + retain_file(records, [(0, "t/0"), (max(records - 1, 0), "late")]) + store
+    yield bytes([0, 3]) + retain_file(2, [(0, "t/0")], changes=b"\x01\x10\x00\x01") + store
+    yield bytes([0, 3, 0xF0]) + block(struct.pack("<I", 1001) + bytes(3000)) + store
+    yield bytes([1]) + entry(1, 6, 0, raw_content(SUBS)) + bytes([3]) + retain_file(3) + use + store
+
+
+SEEDS = {
+    "codec": codec_seeds,
+    "netip": netip_seeds,
+    "sub": sub_seeds,
+    "connections": connections_seeds,
+    "persist": persist_seeds,
+}
 
 
 def main(names):
