@@ -115,6 +115,7 @@ def codec_seeds():
     for level, raw in golden_packets():
         mode = 0 if level == 4 else 1
         yield bytes([mode]) + raw
+        yield bytes([mode | 0x80]) + raw
         if raw[0] >> 4 in (3, 4, 9, 14):
             yield bytes([mode | 4]) + raw
     for mode in (8, 9):  # records
