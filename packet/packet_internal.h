@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "client/client_mgr.h"
@@ -71,7 +72,7 @@ class publication_encoder {
 
     // 0 and a packet in data()/len(), or the codec's error code.
     int encode(mqtt_client *subscriber, uint32_t qos, uint16_t msg_id);
-    const uint8_t *data() const { return packet_->bytes; }
+    const uint8_t *data() const { return packet_->bytes.data(); }
     int len() const { return packet_->len; }
     // The record as encoded last, for the reliable delivery module.
     const mqtt_publish_para &record() const { return record_; }
@@ -80,7 +81,7 @@ class publication_encoder {
     struct packet {
         int len = 0;  // 0: not encoded yet
         int id_offset = 0;
-        uint8_t bytes[k_publish_buf_bytes];
+        std::array<uint8_t, k_publish_buf_bytes> bytes;  // as far as len says; the rest is never touched
     };
     mqtt_publish_para record_;
     packet packets_[2][3];

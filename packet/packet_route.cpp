@@ -23,16 +23,17 @@ int publication_encoder::encode(mqtt_client *subscriber, uint32_t qos, uint16_t 
         // subscriber of a level has to be of that level.
         mqtt_codec_ctx ctx{};
         ctx.protocol_version.store(level, std::memory_order_relaxed);
-        int len = sizeof packet_->bytes;
-        const int err = mqtt_codec_encode_publish(&ctx, &record_, packet_->bytes, &len);
+        int len = static_cast<int>(packet_->bytes.size());
+        const int err = mqtt_codec_encode_publish(&ctx, &record_, packet_->bytes.data(), &len);
         if (err != MQTT_CODEC_OK || len <= 0) return err != MQTT_CODEC_OK ? err : MQTT_CODEC_ERR_BUFFER;
         packet_->len = len;
-        packet_->id_offset = qos == 0 ? 0 : mqtt_codec_publish_id_offset(packet_->bytes, len);
+        packet_->id_offset = qos == 0 ? 0 : mqtt_codec_publish_id_offset(packet_->bytes.data(), len);
     }
     subscriber->codec.last_packet_type.store(MQTT_PKT_PUBLISH, std::memory_order_relaxed);
     if (qos != 0) {
-        packet_->bytes[packet_->id_offset] = static_cast<uint8_t>(msg_id >> 8);
-        packet_->bytes[packet_->id_offset + 1] = static_cast<uint8_t>(msg_id);
+        const std::size_t at = static_cast<std::size_t>(packet_->id_offset);
+        packet_->bytes[at] = static_cast<uint8_t>(msg_id >> 8);
+        packet_->bytes[at + 1] = static_cast<uint8_t>(msg_id);
     }
     return MQTT_CODEC_OK;
 }

@@ -15,7 +15,7 @@ constexpr std::size_t k_sub_share = 288;
 constexpr std::size_t k_no_limit = SIZE_MAX;
 
 static_assert(k_sub_share >= sizeof persist_sub::topic + sizeof "{'topic':'','qos':255},");
-static_assert(PERSIST_MSG_SHARE >= sizeof persist_msg::topic + 2 * PERSIST_MAX_PAYLOAD +
+static_assert(PERSIST_MSG_SHARE >= sizeof persist_msg::topic + std::size_t{2} * PERSIST_MAX_PAYLOAD +
                                        sizeof "{'msgid':65535,'qos':255,'topic':'','payload':''},");
 
 void report_left_out(std::string_view client_id, const char *what, std::string_view text) {

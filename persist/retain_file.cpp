@@ -72,12 +72,18 @@ bool is_remembered(int fd, const retain_image &image) {
            info.st_mtim.tv_sec == image.changed_at.tv_sec && info.st_mtim.tv_nsec == image.changed_at.tv_nsec;
 }
 
+// As they stand in the file, the bytes between the fields included.
+bool same_bytes(const retain_msg &a, const retain_msg &b) {
+    return std::memcmp(reinterpret_cast<const uint8_t *>(&a), reinterpret_cast<const uint8_t *>(&b),
+                       sizeof a) == 0;
+}
+
 // Tells which records differ, and whether any of them has a predecessor in the file.
 bool compare(const retain_image &image, const retain_msg *wanted, int count, retain_slots &changed) {
     bool overwrites = false;
     for (int i = 0; i < count; ++i) {
         const bool stored = i < image.count;
-        changed[i] = !stored || std::memcmp(&image.records[i], &wanted[i], sizeof wanted[i]) != 0;
+        changed[i] = !stored || !same_bytes(image.records[i], wanted[i]);
         overwrites = overwrites || (stored && changed[i]);
     }
     return overwrites;

@@ -16,6 +16,7 @@ static_assert((1 << k_client_bits) > CLIENT_MAX);
 
 // Reserved at once: an address that was never used costs no memory.
 constexpr uint32_t k_order_slots = 1u << 24;
+constexpr std::size_t k_order_bytes = k_order_slots * sizeof(void *);
 constexpr uint32_t k_order_slack = 1024;
 static_assert(k_order_slots > static_cast<uint64_t>(CLIENT_MAX) * QOS_MAX_PER_CLIENT);
 
@@ -105,7 +106,7 @@ void free_node(qos_node *node) {
 
 bool qos_queue_reserve() {
     if (s_order == nullptr) {
-        s_order = static_cast<qos_node **>(platform_zero_alloc(sizeof(qos_node *) * k_order_slots));
+        s_order = static_cast<qos_node **>(platform_zero_alloc(k_order_bytes));
         if (s_order == nullptr) return false;
     }
     if (s_order_end == k_order_slots || s_order_end > 2 * s_live + k_order_slack) compact_order();
@@ -163,7 +164,7 @@ int qos_queue_clear() {
         qos_queue_erase(g_pending_queue);
         ++erased;
     }
-    platform_zero_free(s_order, sizeof(qos_node *) * k_order_slots);
+    platform_zero_free(s_order, k_order_bytes);
     s_order = nullptr;
     return erased;
 }

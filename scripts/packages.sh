@@ -2,7 +2,7 @@
 
 build_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev python3-minimal python3-pytest python3-paho-mqtt mosquitto-clients
-    paho.mqtt.c-examples iproute2 util-linux procps doxygen mandoc binutils dpkg-dev file)
+    paho.mqtt.c-examples iproute2 util-linux procps doxygen mandoc valgrind binutils dpkg-dev file)
 fuzz_packages=(clang libclang-rt-14-dev)
 # These may come from elsewhere, so what counts is the command: <command>=<package>.
 test_commands=(node=nodejs npm=npm pkg-config=pkg-config)
