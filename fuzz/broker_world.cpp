@@ -274,7 +274,12 @@ void bring_packet(peer *to, const std::vector<uint8_t> &packet) {
         to->bring(packet);
         return;
     }
+    // As the connection will decode it, which may refuse a level other than that of its first CONNECT.
     mqtt_codec_ctx ctx{};
+    if (const mqtt_client *before = to->client(); before != nullptr) {
+        ctx.protocol_version.store(before->codec.protocol_version.load());
+        ctx.level_fixed.store(before->codec.level_fixed.load());
+    }
     mqtt_connect_para connect;
     int len = static_cast<int>(packet.size());
     const bool decodes = mqtt_codec_decode_connect(&ctx, packet.data(), &len, &connect) == MQTT_CODEC_OK;
