@@ -71,7 +71,8 @@ for name in "${names[@]}"; do
     [[ $seconds -gt 0 ]] || continue
     corpus=build/fuzz/corpus/$name
     mkdir -p "$corpus" build/fuzz/findings
-    run "$name" -max_total_time="$seconds" -max_len="${max_len[$name]}" -dict="fuzz/dict/${dict[$name]}.dict" \
+    # Inputs are rows of steps or files, so long ones are no worse than short ones.
+    run "$name" -max_total_time="$seconds" -len_control=10 -max_len="${max_len[$name]}" -dict="fuzz/dict/${dict[$name]}.dict" \
         -artifact_prefix="build/fuzz/findings/$name-" -print_final_stats=1 "$corpus" "$seeds"
     executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "build/fuzz/$name.log")
     coverage=$(sed -n 's/.*\(cov: [0-9]* ft: [0-9]*\).*/\1/p' "build/fuzz/$name.log" | tail -1)
