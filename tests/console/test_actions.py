@@ -170,6 +170,7 @@ def test_the_statistics_thread_prints_while_the_menu_waits(running, client):
     running.expect("[结果] Broker 运行状态: 运行中\n")
 
 
+@pytest.mark.parametrize("open_console", ["pipe"], indirect=True)
 def test_statistics_end_with_the_broker_as_they_are_delivered(open_console):
     """The one session with the true sleeps: a line after 15 s, then a stop that waits for the next one."""
     console = open_console("ZEB_CONSOLE")
