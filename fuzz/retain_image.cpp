@@ -41,7 +41,7 @@ void put_record(fuzz_input *in, std::vector<uint8_t> *out) {
 void put_entry(fuzz_input *in, uint32_t slots, std::vector<uint8_t> *out) {
     const std::vector<uint8_t> topic = in->block();
     const uint32_t payload_len = in->u8();
-    put(out, in->below(slots + 1));
+    put(out, in->u8() < 0xF0 ? in->below(slots + 1) : in->u32());
     put(out, static_cast<uint32_t>(topic.size()));
     put(out, payload_len);
     put(out, uint32_t{in->below(4)});

@@ -310,7 +310,7 @@ def retain_file(records, log=None, changes=b"\x00"):
     if log is not None:
         raw += bytes([len(log), 0, 0])
         for slot, topic in log:
-            raw += block(topic) + bytes([5, slot, 1, 0, 0x71])
+            raw += block(topic) + bytes([5, 0, slot, 1, 0, 0x71])
     return raw + changes + b"\x00"
 
 
