@@ -99,12 +99,6 @@ void settle_session_5(mqtt_client *client, const mqtt_disconnect_para &disconnec
     }
 }
 
-// A newer connection has taken the identifier over, and the files that bear it.
-bool has_successor(const mqtt_client *client) {
-    const client_ref holder = client_acquire_by_cid(client->client_id);
-    return holder && holder.get() != client;
-}
-
 void keep_session(mqtt_client *client) {
     {
         std::lock_guard lock(client->session_lock);
@@ -117,7 +111,7 @@ void decide_session_5(mqtt_client *client) {
     const uint32_t interval = client->session_expiry_interval.load(std::memory_order_relaxed);
     ZEB_LOG(AGENT_LOG_INFO, "[MQTT5] DISCONNECT: session_expiry_interval=%u, clean_session=%u", interval,
             client->clean_session.load(std::memory_order_relaxed));
-    if (has_successor(client)) return;
+    if (packet_has_successor(client)) return;
     if (interval != 0) {
         ZEB_LOG(AGENT_LOG_INFO, "[MQTT5] Session Expiry=%u → 保留会话", interval);
         keep_session(client);
@@ -128,7 +122,7 @@ void decide_session_5(mqtt_client *client) {
 }
 
 void decide_session_4(mqtt_client *client) {
-    if (has_successor(client)) return;
+    if (packet_has_successor(client)) return;
     if (client->clean_session.load(std::memory_order_relaxed) != 0) {
         persist_remove(client->client_id);
         ZEB_LOG(AGENT_LOG_INFO, "持久化：客户端数据已清除 ClientID=%s", client->client_id);

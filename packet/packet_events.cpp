@@ -116,6 +116,13 @@ void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_sess
             client_id, removed);
 }
 
+bool packet_has_successor(mqtt_client *client) {
+    char id[65];
+    client_copy_id(client, id);
+    const client_ref holder = client_acquire_by_cid(id);
+    return holder && holder.get() != client;
+}
+
 void packet_settle_subscriptions(mqtt_client *client) {
     client->subs_settled.store(1, std::memory_order_relaxed);
     char id[65];

@@ -47,6 +47,9 @@ void packet_broadcast_will(const uint8_t *msg, int len, bool has_properties);
 // the socket is full. Any thread.
 void packet_flush_before_close(mqtt_client *client);
 
+// Whether a newer connection has taken the identifier over, and the files that bear it.
+bool packet_has_successor(mqtt_client *client);
+
 // Drops in-flight messages and, for a clean session, the subscriptions of a client that leaves; a newer
 // connection with the same identifier keeps what is its own.
 void packet_settle_subscriptions(mqtt_client *client);

@@ -140,11 +140,12 @@ void packet_handler_restore_offline_msgs(mqtt_client *client) {
         ZEB_LOG(AGENT_LOG_DEBUG, "[packet_handler] 无离线消息需要补发: %s", client->client_id);
         return;
     }
-    // A load gives the beginning of a long queue only, and others may add to its end meanwhile.
+    // Others may add to the queue meanwhile. What is left when the client goes stays for the next time.
     constexpr int k_passes_max = 2 * PERSIST_MAX_MSGS;
     for (int pass = 0; pass < k_passes_max; ++pass) {
+        (void)persist_load_replay(session);  // else what the load has given
         if (session->msg_count > 0) replay_loaded(client, *session);
-        if (persist_finish_replay(session) <= 0) break;
+        if (persist_finish_replay(session) <= 0 || !client_is_online(client)) break;
         if (!packet_has_stored_session(session, client->client_id)) break;
     }
     ZEB_LOG(AGENT_LOG_INFO, "[packet_handler] 离线消息补发完成: %s，已清空离线消息", client->client_id);

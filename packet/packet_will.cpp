@@ -48,11 +48,12 @@ bool publish(mqtt_client *client, const mqtt_publish_para &will) {
 }
 
 void record_sent(mqtt_client *client) {
+    const bool owns_files =
+        client->clean_session.load(std::memory_order_relaxed) == 0 && !packet_has_successor(client);
     std::lock_guard lock(client->session_lock);
     client->session.will_flag = 0;
     ZEB_LOG(AGENT_LOG_INFO, "[WILL] 广播完成 | will_sent=%d", 1);
-    if (client->clean_session.load(std::memory_order_relaxed) == 0)
-        persist_mark(&client->session, PERSIST_SUBS);
+    if (owns_files) persist_mark(&client->session, PERSIST_SUBS);
 }
 
 }  // namespace

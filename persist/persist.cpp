@@ -208,6 +208,12 @@ int persist_remove_offline_msg(const char *client_id, uint16_t msgid) {
     return 0;
 }
 
+int persist_load_replay(persist_session *rec) {
+    if (rec == nullptr || rec->client_id[0] == '\0') return -1;
+    const std::lock_guard files(s_client_files);
+    return persist_load_queue(rec, queue_extent::replay).queue_known ? 0 : -4;
+}
+
 int persist_finish_replay(const persist_session *replayed) {
     if (replayed == nullptr || replayed->client_id[0] == '\0') return -1;
     const std::lock_guard files(s_client_files);
@@ -219,8 +225,10 @@ int persist_finish_replay(const persist_session *replayed) {
     if (take_out(rec, *replayed) == 0) {
         // Newer messages have pushed them out meanwhile, and a load gives others now. If it does not, what is
         // left can never be given.
-        if (!persist_load_queue(rec, queue_extent::client).queue_known) return report_unknown(*rec);
-        if (rec->msg_count > 0) return rec->msg_count;
+        rec->msg_count = 0;
+        if (!persist_load_queue(rec, queue_extent::replay).queue_known) return report_unknown(*rec);
+        // One that a load gives otherwise than it stands in the file would be given again and again.
+        if (rec->msg_count > 0 && take_out(rec, *replayed) == 0) return rec->msg_count;
     }
     return persist_write_files(*rec, PERSIST_MSGS) ? rec->msg_count : -2;
 }

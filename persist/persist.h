@@ -12,8 +12,8 @@
 // client's files exclude each other, so that nobody meets a file between its removal and its replacement, and
 // of two changes of one queue none is lost. The lock over the clients' files is handed on in the order of
 // arrival: whoever needs it waits for one operation, disk included, of each thread that came before. Those
-// that only write or change a queue do without g_persist_mutex, so that no retained message waits for them.
-// persist_flush_single and persist_safe_write take no lock.
+// that only change a queue do without g_persist_mutex, so that a retained message waits for none of them
+// unless a load that holds it does. persist_flush_single and persist_safe_write take no lock.
 
 namespace zeb {
 
@@ -85,10 +85,13 @@ void persist_add_offline_msg(const char *client_id, const char *topic, const uin
 bool persist_add_msg_to_stored(const char *client_id, const char *topic, const uint8_t *payload, int len,
                                int qos);
 int persist_remove_offline_msg(const char *client_id, uint16_t msgid);  // 0; -1; -4
-// `replayed` is what persist_load has given of a client's offline messages, which are on their way to it now.
-// Takes them out of the queue and writes it, the messages included that have come since, or that the load had
-// no room for. What no load can give goes as well. Returns how many are left, for the next load; negative
-// when they stay: -1 bad argument; -2 not written; -4 not readable; -5 out of memory.
+// Extends what persist_load has given of the offline messages to all of them, each cut as a load cuts it, so
+// that one write ends a replay. 0; -1 bad argument; -4 not readable, the record stays as it is.
+int persist_load_replay(persist_session *rec);
+// `replayed` is what persist_load_replay has given of a client's offline messages, which are on their way to
+// it now. Takes them out of the queue and writes it, the messages included that have come since, or that the
+// load had no room for. What no load can give goes as well. Returns how many are left, for the next load;
+// negative when they stay: -1 bad argument; -2 not written; -4 not readable; -5 out of memory.
 int persist_finish_replay(const persist_session *replayed);
 void persist_load_all_persisted_subscriptions();
 int persist_retain_save();  // 0; -2 cannot create the file

@@ -60,7 +60,7 @@ bool load_subs(persist_session *rec) {
 }
 
 std::size_t file_limit(queue_extent extent) {
-    return extent == queue_extent::whole ? PERSIST_QUEUE_TEXT_MAX : k_msgs_read_max;
+    return extent == queue_extent::client ? k_msgs_read_max : PERSIST_QUEUE_TEXT_MAX;
 }
 
 // False without the list.
@@ -124,7 +124,6 @@ load_result persist_load_queue(persist_session *rec, queue_extent extent) {
     file_text file;
     if (persist_client_path(persist_dir::message, persist_field(rec->client_id), path))
         file.read(path, file_limit(extent));
-    rec->msg_count = 0;
     if (file.opened() && !file.failed()) (void)parse_msgs(file.text(), extent, rec);  // none is empty
     return {file.opened(), !file.failed()};
 }
@@ -132,7 +131,7 @@ load_result persist_load_queue(persist_session *rec, queue_extent extent) {
 void persist_remove_files(std::string_view client_id) {
     for (const persist_dir dir : PERSIST_DIRS) {
         char path[PERSIST_PATH_SIZE];
-        if (persist_client_path(dir, client_id, path)) (void)unlink(path);  // often there is none
+        if (persist_client_path(dir, client_id, path)) persist_remove_file(path);
     }
 }
 

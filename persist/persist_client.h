@@ -24,9 +24,9 @@ bool persist_client_path(persist_dir dir, std::string_view client_id, char (&out
 // Starts a record that may have been used before; its 150 KiB are not cleared.
 void persist_reset(persist_session *rec, std::string_view client_id);
 
-// How far the file of offline messages is read: as a returning client sees it, or all of it, for whoever is
-// going to write it again.
-enum class queue_extent { client, whole };
+// How far the file of offline messages is read: as a load gives it, all messages of it as a load gives each,
+// or all of it as it is, for whoever is going to write it again.
+enum class queue_extent { client, replay, whole };
 
 struct load_result {
     bool found;        // some file could be opened

@@ -221,6 +221,12 @@ bool persist_replace_file(const char *path, const char *text) {
     return false;
 }
 
+void persist_remove_file(const char *path) {
+    char temporary[k_path_size + k_temporary_suffix.size()];
+    (void)unlink(path);
+    if (temporary_path(path, temporary)) (void)unlink(temporary);
+}
+
 void persist_finish_writes(const char *directory) {
     DIR *dir = opendir(directory);
     if (dir == nullptr) return;  // the restore reports a missing directory

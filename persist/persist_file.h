@@ -66,6 +66,10 @@ class file_text {
 // persist_safe_write, which tells as well whether the file has the text now.
 bool persist_replace_file(const char *path, const char *text);
 
+// Remove a file, often there is none, and what a failed write of it may have left: the next start would take
+// that for its newest state.
+void persist_remove_file(const char *path);
+
 // Settles what a crash has left in a directory: a complete temporary file whose file is gone takes its place,
 // every other temporary file is removed.
 void persist_finish_writes(const char *directory);

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "persist/persist.h"
+#include "qos/qos_queue.h"
 #include "tests/packet/packet_fixture.h"
 
 namespace zeb_test {
@@ -186,6 +187,74 @@ TEST_F(packet_replay_files, a_queue_that_cannot_be_written_is_replayed_once) {
     const std::multiset<std::string> came = received(client);
     EXPECT_FALSE(came.empty());
     for (const std::string &payload : came) EXPECT_EQ(1u, came.count(payload));
+}
+
+TEST_F(packet_replay_files, a_full_queue_of_the_longest_payloads_is_one_write) {
+    for (int i = 1; i <= 100; ++i) miss(numbered(i, 1024));
+    const uint64_t writes = zeb::g_mqtt_stats.persist_write.load();
+    log_capture log;
+    (void)come_back();
+    EXPECT_EQ(writes + 1, zeb::g_mqtt_stats.persist_write.load());
+    EXPECT_EQ(100, zeb::qos_queue_all().count);
+    EXPECT_TRUE(log.has("INFO", "[packet_handler] 开始补发离线消息: x 共 100 条"));
+}
+
+TEST_F(packet_replay_files, an_entry_that_reads_otherwise_than_it_stands_is_given_once) {
+    // The load's limit for one message cuts the identifier behind the filler in two.
+    const std::string tail = R"(","msgid":)";
+    std::string entry = R"({"topic":"t","payload":"61","qos":1,"f":")";
+    entry += std::string(1023 - entry.size() - tail.size() - 2, 'x') + tail + "12345";
+    fs::create_directories("data/message");
+    std::ofstream("data/message/x.json", std::ios::binary) << R"({"msgs":[)" << entry << "}]}";
+    mqtt_client *client = come_back();
+    EXPECT_EQ(k_empty, queue_file());
+    EXPECT_EQ(1, zeb::qos_queue_all().count);
+    EXPECT_EQ(std::multiset<std::string>{"a"}, received(client));
+}
+
+TEST_F(packet_replay_files, a_client_that_goes_meanwhile_finds_the_rest_when_it_returns) {
+    mqtt_client *leaving = nullptr;
+    for (int i = 1; i <= 3; ++i) miss(numbered(i, 5));
+    connect_options o;
+    o.clean = false;
+    o.level = 5;
+    o.properties = hex("11 00 00 01 2C 27 00 00 10 00");
+    leaving = open();
+    g_between = [&] {
+        miss(numbered(4, 5));
+        zeb::client_close(leaving);
+    };
+    give(leaving, connect_packet("x", o));
+    EXPECT_NE(std::string::npos, queue_file().find(R"("payload":"342e2e2e2e")"));
+    mqtt_client *client = come_back();
+    EXPECT_EQ(k_empty, queue_file());
+    EXPECT_EQ(all(4, 4, 5), received(client)) << "the first three went with the connection";
+}
+
+TEST_F(packet_replay_files, the_will_of_a_superseded_connection_leaves_the_files_alone) {
+    const auto file = [] {
+        std::ifstream in("data/subscription/x.json", std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    connect_options kept;
+    kept.clean = false;
+    connect_options willing = kept;
+    willing.will = true;
+    for (const bool clean_successor : {false, true}) {
+        mqtt_client *older = open();
+        give(older, connect_packet("x", willing));
+        give(older, subscribe_packet(1, {{"f/1", 1}}));
+        mqtt_client *newer = open();
+        connect_options options = kept;
+        options.clean = clean_successor;
+        give(newer, connect_packet("x", options));
+        if (!clean_successor) give(newer, subscribe_packet(2, {{"f/2", 1}}));
+        const std::string before = file();
+        EXPECT_EQ(clean_successor, before.empty());
+        zeb::client_close(older);
+        EXPECT_EQ(before, file());
+        zeb::client_close(newer);
+    }
 }
 
 TEST_F(packet_replay_files, a_session_that_ends_meanwhile_leaves_no_file) {
