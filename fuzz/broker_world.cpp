@@ -66,9 +66,13 @@ int on_event(mqtt_broker_instance *broker, uint32_t, const char *) {
     return 0;
 }
 
-void set_root(const std::string &path) {
-    FUZZ_CHECK(path.size() < sizeof g_persist_root_path);
-    std::memcpy(g_persist_root_path, path.c_str(), path.size() + 1);
+// A copy of the path: persist_init empties the field before it reads what it was given.
+std::string g_root;
+
+void start_persistence() {
+    FUZZ_CHECK(persist_init(g_root.c_str()) == 0);
+    FUZZ_CHECK(g_root == g_persist_root_path &&
+               g_root.compare(0, fuzz_directory().size(), fuzz_directory()) == 0);
 }
 
 }  // namespace
@@ -127,7 +131,8 @@ void peer::drop() {
     let_go();
     if (open()) on_event(EPOLLHUP);
     handle_ = NETIP_HANDLE_NONE;
-    received_.clear();
+    received_ = {};
+    level_ = 0;
 }
 
 void peer::let_go() {
@@ -138,6 +143,28 @@ void peer::let_go() {
 mqtt_client *peer::client() const {
     return open() ? client_find_by_handle(handle_) : nullptr;
 }
+
+namespace {
+
+// A PUBLISH decodes at the level of who gets it. One with a topic alias does not, because of the byte that
+// the encoder puts before it: its property block is 4 bytes long, or 9 with the expiry.
+void check_publish(uint32_t level, const uint8_t *data, int size) {
+    mqtt_codec_ctx ctx{};
+    mqtt_codec_ctx_init(&ctx);
+    ctx.protocol_version.store(level);
+    ctx.level_fixed.store(1);
+    mqtt_publish_para publish;
+    int len = size;
+    if (mqtt_codec_decode_publish(&ctx, data, &len, &publish) == MQTT_CODEC_OK) return;
+    const int id_offset = mqtt_codec_publish_id_offset(data, size);
+    int used = 0;
+    (void)codec_decode_remaining_length(data + 1, size - 1, &used);
+    const int topic = 1 + used;
+    const int properties = id_offset > 0 ? id_offset + 2 : topic + 2 + (data[topic] << 8 | data[topic + 1]);
+    FUZZ_CHECK(level == 5 && properties < size && (data[properties] == 4 || data[properties] == 9));
+}
+
+}  // namespace
 
 void peer::read() {
     if (fd_ < 0) return;
@@ -153,6 +180,8 @@ void peer::read() {
         FUZZ_CHECK((k_sent_by_brokers >> (received_[pos] >> 4) & 1) != 0);
         FUZZ_CHECK(rest >= 0 || left < 4);
         if (rest < 0 || 1 + used + rest > left) break;
+        if (level_ != 0 && received_[pos] >> 4 == MQTT_PKT_PUBLISH)
+            check_publish(level_, received_.data() + pos, 1 + used + rest);
         pos += static_cast<std::size_t>(1 + used + rest);
     }
     received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(pos));
@@ -177,7 +206,6 @@ void start_broker() {
     mqtt_stop_send_thread();
     qos_reliable_destroy();
     mqtt_stats_init();
-    set_root(fuzz_directory());
 }
 
 void begin_world(bool with_store, bool require_connect, bool level_by_connect) {
@@ -187,13 +215,8 @@ void begin_world(bool with_store, bool require_connect, bool level_by_connect) {
     g_rr_counter.store(0);
     msgid_seed = 1;
     g_last_handle = 0;
-    broker_world &w = world();
-    w.app = application{};
-    w.persistent_ids.clear();
-    w.last_in_slot.clear();
-    w.closing_rings.clear();
-    set_root(fuzz_directory() + (with_store ? "/store" : "/absent/store"));
-    FUZZ_CHECK(persist_init(g_persist_root_path) == 0);
+    g_root = fuzz_directory() + (with_store ? "/store" : "/absent/store");
+    start_persistence();
 }
 
 namespace {
@@ -227,13 +250,19 @@ void end_world() {
     end_connections();
     empty_tables();
     empty_fuzz_directory();
+    // Nothing is left allocated, or every input would be looked through for leaks.
+    broker_world &w = world();
+    w.app = application{};
+    w.persistent_ids.clear();
+    w.last_in_slot.clear();
+    w.closing_rings.clear();
 }
 
 void restart_world() {
     end_connections();
     world().last_in_slot.clear();
     empty_tables();
-    FUZZ_CHECK(persist_init(g_persist_root_path) == 0);
+    start_persistence();
 }
 
 void flush_rings() {
@@ -289,6 +318,8 @@ void bring_packet(peer *to, const std::vector<uint8_t> &packet) {
     const mqtt_client *client = to->client();
     const uint64_t generation = client != nullptr ? client->generation.load() : k_gone;
     note_connect(connect, generation);
+    if (client != nullptr && client->codec.level_fixed.load() != 0)
+        to->fix_level(client->codec.protocol_version.load());
     if (connect.client_id[0] == '\0' && client != nullptr)
         world().last_in_slot[client_cid_hash(client->client_id) % CLIENT_MAX] = generation;
 }

@@ -33,8 +33,10 @@ class peer {
     void bring(const std::vector<uint8_t> &packet);
     // The client goes away.
     void drop();
-    // The client reads all that has been sent to it, and checks that it is packets.
+    // The client reads all that has been sent to it, and checks that it is packets, of its own level.
     void read();
+    // The level that the connection has for good; 0 while it has none.
+    void fix_level(uint32_t level) { level_ = level; }
     // What the I/O thread does when epoll tells of the connection.
     void on_event(uint32_t events);
 
@@ -48,6 +50,7 @@ class peer {
     int fd_ = -1;
     uint32_t handle_ = zeb::NETIP_HANDLE_NONE;
     uint32_t generation_ = 0;
+    uint32_t level_ = 0;
     std::vector<uint8_t> received_;
 };
 

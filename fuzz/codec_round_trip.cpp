@@ -117,7 +117,7 @@ void check_round_trip(uint32_t level, const mqtt_connect_para &p) {
     FUZZ_CHECK(q->username_flag == p.username_flag && q->password_flag == p.password_flag);
     if (p.username_flag) FUZZ_CHECK(std::memcmp(q->username, p.username, p.username_len) == 0);
     if (p.password_flag) FUZZ_CHECK(std::memcmp(q->password, p.password, p.password_len) == 0);
-    // The encoder begins the block with an identifier that the decoder does not know, and skips it for.
+    // The encoder begins the block with an identifier that the decoder does not know, and so skips the block.
     FUZZ_CHECK(q->session_expiry_interval == 0 && q->maximum_packet_size == 0 && q->receive_maximum == 0);
 }
 
