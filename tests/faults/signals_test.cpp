@@ -75,6 +75,22 @@ class storm {
     struct sigaction before_[std::size(k_signals)]{};
 };
 
+// One more thread of the program. It is known by its number before the first signal can reach it.
+template <typename Body>
+std::thread application_thread(int place, Body body) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread([=] {
+        g_application[place] = thread_id();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        body();
+    });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
+}
+
 void spawn_child() {
     char program[] = "/bin/true";
     char *arguments[] = {program, nullptr};
@@ -127,18 +143,13 @@ TEST(faults_signals, a_storm_of_signals_stays_with_the_programs_own_threads) {
     ASSERT_EQ(broker.open("./data"), 0);
     std::atomic<bool> over{false};
     std::atomic<int> rounds{0};
-    std::thread wind([&] {
-        g_application[1] = thread_id();
-        blow(over);
-    });
+    std::thread wind = application_thread(1, [&over] { blow(over); });
     signals.rise();
     const auto end = steady_clock::now() + milliseconds(3000);
     std::vector<std::thread> clients;
     for (int i = 0; i < k_threads; ++i) {
-        clients.emplace_back([&, i] {
-            g_application[2 + i] = thread_id();
-            rounds += converse(broker.get(), i, end);
-        });
+        clients.push_back(application_thread(
+            2 + i, [&rounds, &broker, i, end] { rounds += converse(broker.get(), i, end); }));
     }
     for (std::thread &client : clients) client.join();
     over = true;
@@ -174,10 +185,7 @@ TEST(faults_signals, whole_lives_pass_in_a_storm) {
     storm signals;
     signals.rise();
     std::atomic<bool> over{false};
-    std::thread wind([&] {
-        g_application[1] = thread_id();
-        blow(over);
-    });
+    std::thread wind = application_thread(1, [&over] { blow(over); });
     for (int life = 0; life < 10; ++life) {
         embedded broker;
         EXPECT_EQ(broker.open("./data"), 0) << life;

@@ -1,5 +1,6 @@
 """Peers that read or write a byte at a time, or end in the middle of a packet."""
 
+import os
 import socket
 import struct
 import threading
@@ -11,6 +12,7 @@ from measure import descriptors, eventually
 from mqtt_wire import (CONNACK, PINGREQ, PINGRESP, ack, connack_v5, connect, maximum_packet_size, publish, string,
                        suback, subscribe, unhex, unsubscribe)
 
+SANITIZED = os.environ.get("ZEB_SANITIZED") == "1"
 READING_S = 8
 
 
@@ -58,7 +60,8 @@ def test_a_peer_that_reads_a_byte_a_second_delays_nobody(broker, client):
         assert reader.failure is None and not reader.is_alive(), reader.failure
         assert reader.longest < 2.0, "seconds between two messages: %.1f" % reader.longest
     assert len(crawled) == READING_S
-    assert broker.resident_kib() - memory < 4 * 1024
+    # A sanitizer keeps what was freed.
+    assert SANITIZED or broker.resident_kib() - memory < 4 * 1024
     # What it reads in the end are whole packets, the first ones without a gap.
     crawling.buffer = crawled
     for number in range(10):
