@@ -94,9 +94,12 @@ void *__real_mmap(void *, size_t, int, int, int, off_t);
 int __real_munmap(void *, size_t);
 FILE *__real_fopen(const char *, const char *);
 DIR *__real_opendir(const char *);
-// operator new and new[] without exceptions, operator delete and delete[] with and without a size
+// operator new and new[] without exceptions, operator delete and delete[] with and without a size; with an
+// alignment as far as the library has types that ask for one
 void *__real__ZnwmRKSt9nothrow_t(size_t, const std::nothrow_t &);
 void *__real__ZnamRKSt9nothrow_t(size_t, const std::nothrow_t &);
+void *__real__ZnwmSt11align_val_tRKSt9nothrow_t(size_t, std::align_val_t, const std::nothrow_t &);
+void __real__ZdlPvmSt11align_val_t(void *, size_t, std::align_val_t);
 void __real__ZdlPv(void *);
 void __real__ZdlPvm(void *, size_t);
 void __real__ZdaPv(void *);
@@ -141,6 +144,15 @@ void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag) {
 void *__wrap__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t &tag) {
     return zeb_test::g_memory.refuses() ? nullptr
                                         : zeb_test::g_memory.given(__real__ZnamRKSt9nothrow_t(size, tag));
+}
+void *__wrap__ZnwmSt11align_val_tRKSt9nothrow_t(size_t size, std::align_val_t alignment,
+                                                const std::nothrow_t &tag) {
+    if (zeb_test::g_memory.refuses()) return nullptr;
+    return zeb_test::g_memory.given(__real__ZnwmSt11align_val_tRKSt9nothrow_t(size, alignment, tag));
+}
+void __wrap__ZdlPvmSt11align_val_t(void *block, size_t size, std::align_val_t alignment) {
+    zeb_test::g_memory.taken_back(block);
+    __real__ZdlPvmSt11align_val_t(block, size, alignment);
 }
 void __wrap__ZdlPv(void *block) {
     zeb_test::g_memory.taken_back(block);
