@@ -60,7 +60,7 @@ class Soak:
         self.group_size = (int(10 * share), int(4 * share))
         self.travellers = [Traveller(self.counts, number) for number in range(pairs)]
         self.mortals = [Mortal(self.counts, number) for number in range(mortals)]
-        self.keepers = [Keeper(self.counts, number) for number in range(int(20 * share))]
+        self.keepers = [Keeper(self.counts, number) for number in range(int(29 * share))]
         self.sloths = [Sloth(self.counts, number) for number in range(sloths)]
         self.flood = Flood(self.counts, 200)
         self.wills = 0
