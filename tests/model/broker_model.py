@@ -43,9 +43,6 @@ class Flight:
         self.repeats = 0
         self.state = 1 if delivery.publication.qos == 2 else 0
 
-    def repeated(self):
-        return self.state in (0, 1)
-
 
 class Connection:
     """What the broker knows of a connection."""
@@ -63,6 +60,11 @@ class Connection:
 
     def is_open(self):
         return self.state != CLOSED
+
+    def awaited_repetitions(self):
+        """Messages whose first repetition is still to come; one that is too large by now is tried in vain."""
+        return [flight for flight in self.flights if flight.state in (0, 1) and not flight.repeats and
+                len(flight.delivery.publication.encode(self.level, 1)) <= self.maximum]
 
     def set_level(self, level):
         self.level = level
@@ -172,7 +174,7 @@ class Model:
             return
         self._broadcast(packet)
         connection.record.will_flag = False
-        if not connection.clean:
+        if not connection.clean and not self.superseded(connection):
             self._write_subscriptions(connection)
 
     def _broadcast(self, packet):

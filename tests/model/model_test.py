@@ -30,9 +30,10 @@ ALONE_PER_ROUND = 6       # each on a broker of its own
 RESTARTS = [["stop"], ["kill"], ["kill", "stop"], ["stop", "stop"]]
 TURNS = 840               # a multiple of every number of members that a shared group may have
 SPIN_BURST = 50
-DEFAULT_SCENARIOS = 900
+DEFAULT_SCENARIOS = 600
 REPEATS_OF_A_FAILURE = 3
 SHRINK_S = 120.0
+ALONE_DEADLINE_S = 8.0    # nothing else keeps the broker busy
 
 
 class Host:
@@ -74,7 +75,7 @@ def play_alone(scenario):
     """Play a scenario on a broker of its own; the mismatch, or None."""
     host = Host()
     try:
-        player = Player(0, host.restart)
+        player = Player(0, host.restart, ALONE_DEADLINE_S)
         try:
             spin(player, scenario.turn)
             player.play(scenario.steps)

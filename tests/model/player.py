@@ -6,11 +6,11 @@ import time
 
 from broker_model import Delivery, Model
 from layout import Publication, decode_publish, encode_length, text
-from mqtt_wire import (DEADLINE_S, DISCONNECT, PINGREQ, PINGRESP, Conn, ack, connect, hexs, maximum_packet_size, publish,
-                       subscribe, unsubscribe)
+from mqtt_wire import (DEADLINE_S, DISCONNECT, PINGREQ, PINGRESP, Conn, ack, connect, hexs, maximum_packet_size,
+                       publish, subscribe, unsubscribe)
 
 CLOCK_STEP_S = 0.002  # the broker counts whole milliseconds
-LATE_WILL_S = 0.3     # how long a will may take that nobody waits for
+LATE_WILL_S = 0.3     # how long after its time a will that nobody gets is over
 SILENCE_KEEPALIVE_S = 1
 ACKS = {"puback": 0x40, "pubrec": 0x50, "pubrel": 0x62, "pubcomp": 0x70}
 
@@ -56,8 +56,9 @@ def describe(item):
 
 
 class Player:
-    def __init__(self, turn, restart):
+    def __init__(self, turn, restart, deadline_s=DEADLINE_S):
         """`restart(kind)` ends the broker and starts it again."""
+        self.deadline_s = deadline_s
         self.model = Model(turn)
         self.restart_broker = restart
         self.seats = {}
@@ -127,11 +128,11 @@ class Player:
             got = self.take(seat, "expected: " + "; ".join(map(describe, expected)))
             if got is not None and self.is_repetition(seat.connection, got):
                 continue
-            while expected and expected[0].optional and (got is None or not self.fits(seat.connection, expected[0], got)):
+            while expected and expected[0].optional and not self.fits(seat.connection, expected[0], got):
                 expected.pop(0)
             if not expected and got is None:
                 return
-            if got is None or not expected or not self.fits(seat.connection, expected[0], got):
+            if not expected or not self.fits(seat.connection, expected[0], got):
                 raise Mismatch("client %s\n  expected: %s\n  actual:   %s" % (
                     seat.connection.client_id or "without a name", "\n            ".join(map(describe, expected)) or
                     "the end", hexs(got) if got is not None else "the end"))
@@ -145,12 +146,12 @@ class Player:
             if got is None:
                 return
             if not self.is_repetition(seat.connection, got):
-                raise Mismatch("client %s\n  expected: the end\n  actual:   %s" % (seat.connection.client_id, hexs(got)))
+                raise Mismatch("client %s\n  expected: the end\n  actual:   %s" % (seat.connection.client_id,
+                                                                             hexs(got)))
 
-    @staticmethod
-    def take(seat, waiting_for, deadline_s=DEADLINE_S):
+    def take(self, seat, waiting_for, deadline_s=None):
         try:
-            return seat.link.take(deadline_s)
+            return seat.link.take(deadline_s or self.deadline_s)
         except socket.timeout:
             raise Mismatch("client %s: nothing came, %s" % (seat.connection.client_id, waiting_for)) from None
 
@@ -164,6 +165,8 @@ class Player:
         return int.from_bytes(got[at:at + 2], "big")
 
     def fits(self, connection, item, got):
+        if got is None:
+            return False
         if not isinstance(item, Delivery):
             return got == item.data
         pid = self.publish_pid(got)
@@ -283,7 +286,8 @@ class Player:
         seat = self.live(name)
         if seat is None:
             return
-        expiry = {"zero": b"\x05\x10\0\0\0\0", "absent": b"\0", "keep": b"\x05\x10\0\0\x01\x2c", "short": b""}[form]
+        expiry = {"zero": b"\x05\x10\0\0\0\0", "keep": b"\x05\x10\0\0\x01\x2c",
+                  "leave": b"\x05\x10\xff\xff\xff\xff", "absent": b"\0", "short": b""}[form]
         packet = DISCONNECT
         if seat.settings["level"] == 5 and expiry:
             packet = bytes([0xE0, 1 + len(expiry), 0]) + expiry
@@ -303,8 +307,10 @@ class Player:
         if back and client_id:
             self.check_all()
             self.step_connect(name, client_id, back)
-            if waiting and time.monotonic() > dropped + delay:
-                raise Inconclusive
+            if waiting:
+                if time.monotonic() > dropped + delay:
+                    raise Inconclusive
+                time.sleep(dropped + delay + LATE_WILL_S - time.monotonic())
         elif waiting:
             self.wait_for_will(seat.connection, dropped + delay)
 
@@ -322,13 +328,12 @@ class Player:
     def step_settle(self):
         """Wait until each message that has not been acknowledged has been repeated."""
         for seat in self.seats.values():
-            flights = seat.connection.flights if seat.connection.is_open() else []
-            while any(flight.repeated() and not flight.repeats for flight in flights):
+            while seat.connection.is_open() and seat.connection.awaited_repetitions():
                 got = self.take(seat, "expected: a repetition")
                 if got is None or not self.is_repetition(seat.connection, got):
                     raise Mismatch("client %s\n  expected: a repetition of %s\n  actual:   %s" % (
-                        seat.connection.client_id, [describe(flight.delivery) for flight in flights if
-                                                    flight.repeated() and not flight.repeats],
+                        seat.connection.client_id,
+                        [describe(flight.delivery) for flight in seat.connection.awaited_repetitions()],
                         hexs(got) if got is not None else "the end"))
 
     def step_silence(self, client_id, settings):
@@ -338,7 +343,7 @@ class Player:
         self.step_connect(name, client_id, settings, SILENCE_KEEPALIVE_S)
         seat = self.seats[name]
         while True:
-            got = self.take(seat, "expected: the end of a silent client")
+            got = self.take(seat, "expected: the end of a silent client", DEADLINE_S)
             if got is None:
                 break
             if not self.is_repetition(seat.connection, got):

@@ -66,6 +66,9 @@ class Maker:
         if rng.random() < 0.05:
             self.ids.append(names.sharing(rng, name, self.ids[0]))
         self.seats = len(self.ids) + 1
+        # Few of them, so that they meet.
+        self.topics = rng.sample(TOPICS, rng.randint(2, 4))
+        self.filters = rng.sample(FILTERS, rng.randint(3, 6))
         self.levels = {}
         self.count = 0
         self.steps = []
@@ -73,13 +76,17 @@ class Maker:
             self.connect(seat, self.ids[seat])
             if rng.random() < 0.8:
                 self.subscribe(seat)
+        if kind in (SHARED, ALONE):
+            group = SHARE + "%s/%s#" % (rng.choice(GROUPS), self.prefix)
+            for seat in sorted(self.levels):
+                self.add("subscribe", seat, [[group, rng.randint(0, 2)]])
         self.length = rng.randint(6, 22)
         self.restarts = list(zip(sorted(rng.randrange(self.length) for _ in restarts), restarts))
 
     def scenario(self, turn=0):
         kinds = [(self.publish, 30), (self.ack, 16), (self.subscribe, 12), (self.drop, 7), (self.reconnect, 12),
                  (self.disconnect, 5), (self.unsubscribe, 3), (self.pubrel, 4), (self.stray, 1), (self.open, 1),
-                 (self.settle, 1.2), (self.silence, 0.04)]
+                 (self.absence, 3), (self.settle, 1.2), (self.silence, 0.04)]
         for at in range(self.length):
             while self.restarts and self.restarts[0][0] <= at:
                 self.restart(self.restarts.pop(0)[1])
@@ -98,10 +105,10 @@ class Maker:
         return self.rng.choice(sorted(self.levels) or [0])
 
     def topic(self):
-        return self.prefix + self.rng.choice(TOPICS)
+        return self.prefix + self.rng.choice(self.topics)
 
     def topic_filter(self):
-        topic_filter = self.prefix + self.rng.choice(REFUSED if self.rng.random() < 0.05 else FILTERS)
+        topic_filter = self.prefix + self.rng.choice(REFUSED if self.rng.random() < 0.05 else self.filters)
         if self.kind in (SHARED, ALONE) and self.rng.random() < 0.6:
             return SHARE + "%s/%s" % (self.rng.choice(GROUPS), topic_filter)
         return topic_filter
@@ -144,13 +151,31 @@ class Maker:
         usual = self.ids[seat] if seat < len(self.ids) else self.rng.choice(self.ids)
         self.connect(seat, usual)
 
+    def absence(self):
+        """A client that misses messages, and is back."""
+        seat = self.rng.randrange(len(self.ids))
+        for stay in range(2):
+            settings = dict(self.settings(), clean=False)
+            if settings["level"] == 5:
+                settings["expiry"] = 300
+            self.connect(seat, self.ids[seat], settings)
+            if not stay:
+                self.subscribe(seat)
+                self.add("disconnect", seat, "keep")
+                del self.levels[seat]
+                for _ in range(self.rng.randint(1, 4)):
+                    self.publish()
+        if self.rng.random() < 0.5:
+            self.settle()
+
     def open(self):
         seat = self.seats
         self.levels[seat] = 4
         self.add("open", seat)
 
     def subscribe(self, seat=None):
-        filters = [[self.topic_filter(), self.rng.choice([0, 1, 2, 2, 1])] for _ in range(self.rng.choice([1, 1, 2, 3]))]
+        count = self.rng.choice([1, 1, 2, 3])
+        filters = [[self.topic_filter(), self.rng.choice([0, 1, 1, 2, 2])] for _ in range(count)]
         if self.rng.random() < 0.03:
             filters[-1][1] = REFUSED_QOS
         self.add("subscribe", self.seat() if seat is None else seat, filters)
@@ -189,7 +214,7 @@ class Maker:
             self.levels.pop(seat, None)
 
     def disconnect(self):
-        self.add("disconnect", self.seat(), self.rng.choice(["zero", "absent", "keep", "keep", "short"]))
+        self.add("disconnect", self.seat(), self.rng.choice(["zero", "absent", "keep", "keep", "leave", "short"]))
 
     def settle(self):
         self.add("settle")
