@@ -134,6 +134,7 @@ bool add_msg(const char *client_id, const char *topic, const uint8_t *payload, i
 void persist_set_root(const char *root) {
     const std::lock_guard guard(g_persist_mutex);
     const std::lock_guard files(s_client_files);
+    if (root == g_persist_root_path) return;  // the writer starts by emptying it
     text_writer(g_persist_root_path, sizeof g_persist_root_path).add(root);
 }
 

@@ -59,6 +59,7 @@ class Console:
         self.data = b""
         self.ended = False
         self.position = 0
+        self.answered = 0  # behind the last prompt of the menu that was answered
         self.changed = threading.Condition()
         with open(self.stderr_path, "wb") as stderr:
             if terminal:
@@ -92,18 +93,24 @@ class Console:
 
     def expect(self, text):
         """Wait until the text follows in the output. Returns what stands before it since the last call."""
+        start = self.position
+        found, end = self._find(text, start)
+        self.position = end
+        if text.endswith(PROMPT):
+            self.answered = end
+        return self.data[start:found].decode("utf-8", "backslashreplace")
+
+    def _find(self, text, start):
         wanted = text.encode()
         deadline = time.monotonic() + DEADLINE_S
         with self.changed:
             while True:
-                found = self.data.find(wanted, self.position)
+                found = self.data.find(wanted, start)
                 if found >= 0:
-                    skipped = self.data[self.position:found]
-                    self.position = found + len(wanted)
-                    return skipped.decode("utf-8", "backslashreplace")
+                    return found, found + len(wanted)
                 left = deadline - time.monotonic()
                 assert left > 0 and not self.ended, "\nexpected: %r\nactual:   %r" % (
-                    text, self.data[self.position:].decode("utf-8", "backslashreplace")[-2000:])
+                    text, self.data[start:].decode("utf-8", "backslashreplace")[-2000:])
                 self.changed.wait(left)
 
     def type(self, text):
@@ -112,8 +119,9 @@ class Console:
             data = data[os.write(self.sink, data):]
 
     def choose(self, number):
-        """Answer the menu."""
-        self.expect(PROMPT)
+        """Answer the menu. What clients cause may have been printed behind its prompt."""
+        _, self.answered = self._find(PROMPT, self.answered)
+        self.position = max(self.position, self.answered)
         self.type("%s\n" % number)
 
     def answer(self, prompt, text):

@@ -51,6 +51,12 @@ TEST_F(restore, directories_have_the_mode_that_the_umask_leaves) {
     }
 }
 
+TEST_F(restore, init_takes_the_root_in_force_as_well) {
+    ASSERT_EQ(zeb::persist_init(root_.c_str()), 0);
+    EXPECT_EQ(zeb::persist_init(zeb::g_persist_root_path), 0);
+    EXPECT_STREQ(zeb::g_persist_root_path, root_.c_str());
+}
+
 TEST_F(restore, init_with_directories_makes_none) {
     ASSERT_EQ(zeb::persist_init(root_.c_str()), 0);
     EXPECT_EQ(log_.text().find("目录创建成功"), std::string::npos);
