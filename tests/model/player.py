@@ -75,10 +75,13 @@ class Player:
 
     def play(self, steps):
         for number, step in enumerate(steps):
-            self.model.begin_step(time.monotonic())
+            began = time.monotonic()
+            self.model.begin_step(began)
             try:
                 getattr(self, "step_" + step[0])(*step[1:])
                 self.check_all()
+                for connection in list(self.model.waiting_wills):
+                    self.wait_for_will(connection, began)
             except Mismatch as mismatch:
                 raise Mismatch("step %d %s: %s" % (number + 1, step, mismatch)) from None
 
@@ -311,11 +314,10 @@ class Player:
                 if time.monotonic() > dropped + delay:
                     raise Inconclusive
                 time.sleep(dropped + delay + LATE_WILL_S - time.monotonic())
-        elif waiting:
-            self.wait_for_will(seat.connection, dropped + delay)
 
-    def wait_for_will(self, connection, due):
-        self.check_all()
+    def wait_for_will(self, connection, began):
+        """A delayed will comes before anything else happens; its time began to run no earlier than that."""
+        due, over = began + connection.will_delay, time.monotonic() + connection.will_delay + LATE_WILL_S
         self.model.due(connection)
         waiting = [seat for seat in self.seats.values() if seat.connection.is_open() and seat.connection.expected]
         for seat in waiting:
@@ -323,7 +325,7 @@ class Player:
             if time.monotonic() < due - CLOCK_STEP_S:
                 raise Mismatch("the will came before its time")
         if not waiting:
-            time.sleep(due + LATE_WILL_S - time.monotonic())
+            time.sleep(over - time.monotonic())
 
     def step_settle(self):
         """Wait until each message that has not been acknowledged has been repeated."""
