@@ -139,11 +139,13 @@ int read_payload(byte_reader *r, int packet_end, mqtt_publish_para *para) noexce
         len = MQTT_MAX_PAYLOAD;
     }
     const uint8_t *payload = nullptr;
+    // GCOV_EXCL_START: the packet is whole in the buffer
     if (!r->bytes(len, &payload)) {
         ZEB_LOG(AGENT_LOG_ERROR, "PUBLISH decode: buffer too short for payload - pos+len=%d > buf_len=%d",
                 r->pos + len, r->end);
         return MQTT_CODEC_ERR_MALFORMED;
     }
+    // GCOV_EXCL_STOP
     memcpy(para->payload, payload, static_cast<size_t>(len));
     para->payload_len = static_cast<uint32_t>(len);
     return MQTT_CODEC_OK;

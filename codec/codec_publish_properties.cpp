@@ -60,7 +60,7 @@ bool read_value(byte_reader *r, kind value, uint32_t *number) noexcept {
         case kind::text_pair:
             return skip_texts(r, 2);
         case kind::none:
-            return false;
+            break;
     }
     return false;
 }
