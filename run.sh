@@ -16,7 +16,7 @@ watches and stops a broker. Anything else after ./run.sh is handed to the host p
 examples/zeb_mqtt_host.c:
 
 TEXT
-    sed -n 's/^ *"\(  --.*\)\\n";*$/\1/p' examples/zeb_mqtt_host.c
+    sed -n 's/^ *"\(  --.*\)\\n";*$/\1/p' examples/host_options.c
 }
 
 for argument in "$@"; do

@@ -51,5 +51,6 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeb_mqtt_broker.pc DESTINATION ${pc_di
 install(FILES README.md README.zh-CN.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev FILES_MATCHING PATTERN "*.md"
         PATTERN man EXCLUDE)
-install(FILES examples/zeb_mqtt_host.c examples/minimal.c examples/auth_acl.cpp examples/events.cpp
+install(FILES examples/zeb_mqtt_host.c examples/host.h examples/host_options.c examples/host_configure.c
+              examples/minimal.c examples/auth_acl.cpp examples/events.cpp
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT dev)

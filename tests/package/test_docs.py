@@ -31,7 +31,7 @@ def test_manual_page_has_no_warnings(name):
 
 
 def test_manual_page_names_every_option_of_the_host_program():
-    usage = re.findall(r'"  --([a-z-]+)', (SOURCE / "examples/zeb_mqtt_host.c").read_text())
+    usage = re.findall(r'"  --([a-z-]+)', (SOURCE / "examples/host_options.c").read_text())
     page = (SOURCE / "docs/man/zeb_mqtt_host.1").read_text()
     described = re.findall(r"^\.It Fl -([a-z-]+)", page, re.MULTILINE)
     assert sorted(usage) == sorted(described) and len(usage) > 5
