@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # The one list of what this project needs from Debian 12, and how it gets there. Sourced by run.sh and test.sh.
 
 build_packages=(g++ cmake ninja-build)

@@ -9,8 +9,8 @@
  *
  * Callbacks. NULL (the default) means: accept, allow, tell nobody. They run on threads of the library,
  * several may run at once, and no lock of the library is held meanwhile: every function of this header but
- * init, start, stop, deinit and destroy may be called from inside. A callback that blocks holds up the traffic of all
- * clients. All pointers that it is given are valid only until it returns.
+ * init, start, stop, deinit and destroy may be called from inside. A callback that blocks holds up the
+ * traffic of all clients. All pointers that it is given are valid only until it returns.
  */
 #ifndef ZEB_SDK_MQTT_BROKER_H
 #define ZEB_SDK_MQTT_BROKER_H

@@ -1,5 +1,6 @@
-// Linked to the console program for the tests that talk to it: what lasts a second there lasts a fiftieth here,
-// or every test would spend its time in the pause behind a menu item and the 15 s of the statistics thread.
+// Linked to the console program for the tests that talk to it: what lasts a second there lasts a fiftieth
+// here, or every test would spend its time in the pause behind a menu item and the 15 s of the statistics
+// thread.
 #include <chrono>
 #include <thread>
 
