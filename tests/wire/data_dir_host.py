@@ -117,7 +117,7 @@ class Host:
 
 
 def snapshot(directory, leave_out=()):
-    """All that can be seen of a tree: names, kinds, modes, times, contents."""
+    """All that can be seen of a tree: names, kinds, modes, times, and contents where they may be read."""
     found = {}
     for folder, folders, files in os.walk(str(directory)):
         folders[:] = [name for name in folders if os.path.join(folder, name) not in leave_out]
@@ -125,7 +125,7 @@ def snapshot(directory, leave_out=()):
             path = os.path.join(folder, name)
             info = os.lstat(path)
             content = os.readlink(path) if stat.S_ISLNK(info.st_mode) else None
-            if stat.S_ISREG(info.st_mode) and info.st_size < 1 << 20:
+            if stat.S_ISREG(info.st_mode) and info.st_size < 1 << 20 and os.access(path, os.R_OK):
                 with open(path, "rb") as stream:
                     content = stream.read()
             # The time of a directory changes with its entries.
