@@ -68,9 +68,10 @@ void leave(mqtt_client *client, const char *id, bool was_logined) {
     client_enter_closing(client);
     qos_reliable_drop_client(
         client);  // a delayed will may keep the record for long, and nothing more is sent
-    client_clear_cid_slot(client);
+    const bool succeeded = has_successor(client, id);
+    client_forget_cid(client);
     if (was_logined && client->clean_session.load(std::memory_order_relaxed) != 0 &&
-        client->subs_settled.exchange(1, std::memory_order_relaxed) == 0 && !client_acquire_by_cid(id))
+        client->subs_settled.exchange(1, std::memory_order_relaxed) == 0 && !succeeded)
         sub_remove(id, nullptr);
     close_connection(client);
     // Not before the network has let go: a packet that its I/O thread is just delivering would otherwise find

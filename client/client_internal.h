@@ -33,7 +33,7 @@ bool client_try_pin(mqtt_client *client);
 // Table slots are cleared only where they still point to this record: a newer connection with the same
 // identifier keeps its entry.
 void client_clear_handle_slot(mqtt_client *client);
-void client_clear_cid_slot(mqtt_client *client);
+void client_forget_cid(mqtt_client *client);  // also out of the exact index
 
 // From CONNECTED or LOGINED to CLOSING: once this returns, no flush of the record's ring is under way and
 // none begins, so that the handle may be closed and given to another connection.

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "client/client_internal.h"
+#include "client/client_names.h"
 #include "log/agent_log.h"
 #include "qos/qos_reliable.h"
 
@@ -13,6 +14,7 @@ client_manager g_client_mgr;
 std::atomic<int32_t> g_mqtt_max_clients{CLIENT_MAX};
 std::atomic<uint32_t> g_default_max_packet_size{4096};
 std::atomic<int32_t> g_will_delay_client_count{0};
+client_options g_client_options;
 
 std::mutex &client_handle_lock(uint32_t handle) {
     const uint32_t index = handle == NETIP_HANDLE_NONE ? 0 : (handle % CLIENT_MAX) / CLIENT_POOL_SIZE;
@@ -30,6 +32,8 @@ namespace {
 void clear_tables() {
     for (auto &slot : g_client_mgr.by_handle) slot.store(nullptr, std::memory_order_relaxed);
     for (auto &slot : g_client_mgr.by_cid) slot.store(nullptr, std::memory_order_relaxed);
+    client_names_clear();
+    for (auto &word : g_client_mgr.queued_blocks) word.store(0, std::memory_order_relaxed);
 }
 
 bool create_blocks(int count) {

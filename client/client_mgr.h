@@ -87,6 +87,8 @@ struct mqtt_client {
     mutable std::mutex id_lock;         // client_id and ip, against readers on other threads
     int32_t pool_index;                 // position over all blocks, fixed when the block is created
     int32_t inflight;                   // nodes of the record in the QoS list; guarded by g_queue_mutex
+    mqtt_client *next_named;            // the exact index of names, and whether the record is in it
+    uint8_t named;
 };
 
 struct client_pool_block {
@@ -108,8 +110,16 @@ struct client_manager {
     std::atomic<mqtt_client *> by_cid[CLIENT_MAX];     // slot: client_cid_hash mod CLIENT_MAX
     std::mutex locks[CLIENT_LOCK_COUNT];
     std::atomic<uint8_t> initialized;
+    std::atomic<uint64_t> queued_blocks[2];  // private: a bit per block in which a record's queued bit is set
 };
 
+// Beyond the fixed behaviour, off unless the embedding program asks. Read relaxed; written before a start.
+struct client_options {
+    std::atomic<uint8_t> exact_lookup{0};  // identifiers are looked up in the exact index, not in by_cid
+    std::atomic<uint8_t> low_latency{0};   // packets leave at once and not with the send thread's next beat
+};
+
+extern client_options g_client_options;
 extern client_manager g_client_mgr;
 extern std::atomic<int32_t> g_mqtt_max_clients;          // initially 11000
 extern std::atomic<uint32_t> g_default_max_packet_size;  // initially 4096
@@ -171,6 +181,7 @@ class client_ref {
 // client_find_by_handle and client_find_by_cid for callers that use the record beyond the lookup.
 client_ref client_acquire_by_handle(netip_handle handle);
 client_ref client_acquire_by_cid(const char *cid);
+client_ref client_acquire_by_cid(const char *cid, uint32_t hash);  // for who knows its client_cid_hash
 
 // CONNECTED or LOGINED.
 inline bool client_is_online(const mqtt_client *client) {
@@ -184,6 +195,11 @@ void client_reset_session(persist_session *session);
 // Send path.
 int client_send(mqtt_client *client, const uint8_t *data, int len);  // 0 queued, -1 dropped
 void client_send_flush(mqtt_client *client);
+// Hands what the records queue to their sockets. The send thread does so with every beat; in low-latency mode
+// also the I/O threads, each after the packets it has handled. Any thread.
+void client_flush_queued();
+// The socket of a connection that was full takes bytes again. Any thread.
+void client_socket_writable(netip_handle handle);
 void mqtt_start_send_thread();
 void mqtt_stop_send_thread();
 void *send_thread_proc(void *);

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "client/client_internal.h"
+#include "client/client_names.h"
 #include "log/platform_memory.h"
 #include "qos/qos_reliable.h"
 
@@ -51,6 +52,7 @@ void free_will(mqtt_client *client) {
 // The record's connection is over and nobody holds it any more.
 void recycle(mqtt_client *client) {
     qos_reliable_clean_client_packets(client);
+    client_names_remove(client);  // a CONNECT that met the close may have named it again
     free_ring(client);
     free_will(client);
     {

@@ -16,6 +16,7 @@ pthread_t g_send_thread;
 namespace {
 
 constexpr uint64_t k_send_poll_us = 10000;
+platform_alarm s_send_alarm;  // rung in low-latency mode only
 constexpr uint8_t k_ring_size = CLIENT_SEND_RING_SIZE;
 static_assert(k_ring_size <= NETIP_MAX_GATHER, "a whole ring goes out in one call");
 
@@ -55,16 +56,38 @@ queue_result enqueue(mqtt_client *client, const uint8_t *data, uint32_t len) {
     return queue_result::queued;
 }
 
+bool is_low_latency() {
+    return g_client_options.low_latency.load(std::memory_order_relaxed) != 0;
+}
+
+void flush_record(mqtt_client *client) {
+    if (!client_is_online(client)) return;
+    const netip_handle handle = client->handle.load(std::memory_order_relaxed);
+    // A peer that stopped reading costs one look a beat, no system call.
+    if (!netip_send_blocked(handle)) client_send_flush(client);
+    if (!has_queued(client)) return;
+    // In low-latency mode passes are frequent, and the socket itself will say when it takes bytes again.
+    if (is_low_latency() && netip_send_blocked(handle)) return;
+    client_mark_queued(client);
+}
+
 void flush_block(client_pool_block &block, int word) {
-    if (block.queued[word].load(std::memory_order_relaxed) == 0) return;
-    uint64_t bits = block.queued[word].exchange(0, std::memory_order_acquire);
-    for (; bits != 0; bits &= bits - 1) {
-        mqtt_client *client = &block.records[word * 64 + __builtin_ctzll(bits)];
-        if (!client_is_online(client)) continue;
-        // A peer that stopped reading costs one look a beat, no system call.
-        if (!netip_send_blocked(client->handle.load(std::memory_order_relaxed))) client_send_flush(client);
-        if (has_queued(client)) client_mark_queued(client);
-    }
+    if (block.queued[word].load() == 0) return;
+    uint64_t bits = block.queued[word].exchange(0);
+    for (; bits != 0; bits &= bits - 1) flush_record(&block.records[word * 64 + __builtin_ctzll(bits)]);
+}
+
+// The I/O threads send themselves what the packets they handle have queued.
+void wake_sender() {
+    if (is_low_latency() && !netip_on_io_thread()) s_send_alarm.ring();
+}
+
+// A packet that finds the ring full is given up. In low-latency mode only when the socket is full as well.
+queue_result enqueue_or_flush(mqtt_client *client, const uint8_t *data, uint32_t len) {
+    queue_result result = enqueue(client, data, len);
+    if (result != queue_result::full || !is_low_latency()) return result;
+    client_send_flush(client);
+    return enqueue(client, data, len);
 }
 
 }  // namespace
@@ -72,9 +95,31 @@ void flush_block(client_pool_block &block, int word) {
 void client_mark_queued(mqtt_client *client) {
     const int32_t index = client->pool_index;
     if (index < 0 || index >= g_client_mgr.capacity.load(std::memory_order_acquire)) return;
+    const int block = index / CLIENT_POOL_SIZE;
     const int i = index % CLIENT_POOL_SIZE;
-    std::atomic<uint64_t> &word = g_client_mgr.blocks[index / CLIENT_POOL_SIZE].queued[i / 64];
-    word.fetch_or(1ULL << (i % 64), std::memory_order_release);
+    // The record's bit before the block's, and a pass looks the other way round, all in one total order: a
+    // block's bit that is found set spares its write, for the pass that clears it has not looked inside yet.
+    g_client_mgr.blocks[block].queued[i / 64].fetch_or(1ULL << (i % 64));
+    std::atomic<uint64_t> &blocks = g_client_mgr.queued_blocks[block / 64];
+    const uint64_t mask = 1ULL << (block % 64);
+    if ((blocks.load() & mask) == 0) blocks.fetch_or(mask);
+}
+
+void client_flush_queued() {
+    for (int word = 0; word < 2; ++word) {
+        if (g_client_mgr.queued_blocks[word].load(std::memory_order_relaxed) == 0) continue;
+        uint64_t bits = g_client_mgr.queued_blocks[word].exchange(0);
+        for (; bits != 0; bits &= bits - 1) {
+            client_pool_block &block = g_client_mgr.blocks[word * 64 + __builtin_ctzll(bits)];
+            flush_block(block, 0);
+            flush_block(block, 1);
+        }
+    }
+}
+
+void client_socket_writable(netip_handle handle) {
+    if (const client_ref client = client_acquire_by_handle(handle)) client_mark_queued(client.get());
+    wake_sender();
 }
 
 int client_send(mqtt_client *client, const uint8_t *data, int len) {
@@ -90,7 +135,7 @@ int client_send(mqtt_client *client, const uint8_t *data, int len) {
         mqtt_stats_inc_drop_too_big();
         return -1;
     }
-    switch (enqueue(client, data, static_cast<uint32_t>(len))) {
+    switch (enqueue_or_flush(client, data, static_cast<uint32_t>(len))) {
         case queue_result::offline:
             mqtt_stats_inc_drop_offline();
             return -1;
@@ -104,6 +149,7 @@ int client_send(mqtt_client *client, const uint8_t *data, int len) {
             break;
     }
     client_mark_queued(client);
+    wake_sender();
     mqtt_stats_inc_tx_pkt();
     client_update_active(client);  // also when only the broker talks: such a client is not timed out
     return 0;
@@ -141,12 +187,11 @@ void client_enter_closing(mqtt_client *client) {
 void *send_thread_proc(void *) {
     ZEB_LOG(AGENT_LOG_INFO, "[SEND_THREAD] 发送线程启动");
     while (g_send_running.load(std::memory_order_relaxed)) {
-        const int blocks = g_client_mgr.block_count.load(std::memory_order_acquire);
-        for (int b = 0; b < blocks; ++b) {
-            flush_block(g_client_mgr.blocks[b], 0);
-            flush_block(g_client_mgr.blocks[b], 1);
-        }
-        platform_sleep_us(k_send_poll_us);
+        client_flush_queued();
+        if (is_low_latency())
+            s_send_alarm.sleep_us(k_send_poll_us);
+        else
+            platform_sleep_us(k_send_poll_us);
     }
     ZEB_LOG(AGENT_LOG_INFO, "[SEND_THREAD] 发送线程退出");
     return nullptr;

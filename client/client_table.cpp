@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "client/client_internal.h"
+#include "client/client_names.h"
 #include "log/agent_log.h"
 #include "log/platform_time.h"
 #include "sub/cid_hash.h"
@@ -165,11 +166,7 @@ void client_set_cid(mqtt_client *client, const char *cid) {
         copy_text(id, 64, cid);  // one character less than the field holds: kept
     }
     const uint32_t hash = client_cid_hash(id);
-    {
-        std::lock_guard lock(client->id_lock);
-        memcpy(client->client_id, id, sizeof id);
-        client->cid_hash.store(hash, std::memory_order_relaxed);
-    }
+    client_names_assign(client, id, hash);
     {
         std::lock_guard lock(client_cid_lock(hash));
         g_client_mgr.by_cid[hash % CLIENT_MAX].store(client, std::memory_order_release);
@@ -202,8 +199,14 @@ client_ref client_acquire_by_handle(netip_handle handle) {
 }
 
 client_ref client_acquire_by_cid(const char *cid) {
-    if (cid == nullptr || cid[0] == '\0') return {};
-    const uint32_t hash = client_cid_hash(cid);
+    if (cid == nullptr) return {};
+    return client_acquire_by_cid(cid, client_cid_hash(cid));
+}
+
+client_ref client_acquire_by_cid(const char *cid, uint32_t hash) {
+    if (cid[0] == '\0') return {};
+    if (g_client_options.exact_lookup.load(std::memory_order_relaxed) != 0)
+        return client_names_acquire(cid, hash);
     client_ref held;
     std::lock_guard lock(client_cid_lock(hash));
     mqtt_client *client = g_client_mgr.by_cid[hash % CLIENT_MAX].load(std::memory_order_acquire);
@@ -228,7 +231,8 @@ void client_clear_handle_slot(mqtt_client *client) {
     g_client_mgr.by_handle[handle % CLIENT_MAX].compare_exchange_strong(expected, nullptr);
 }
 
-void client_clear_cid_slot(mqtt_client *client) {
+void client_forget_cid(mqtt_client *client) {
+    client_names_remove(client);
     char id[65];
     client_copy_id(client, id);
     if (id[0] == '\0') return;

@@ -127,7 +127,7 @@ bool client_uncount_will(mqtt_client *client) {
 // The end of a record that waited for its will. `closing` makes sure that only one thread gets here.
 void client_finish_will(mqtt_client *client) {
     client_clear_handle_slot(client);
-    client_clear_cid_slot(client);
+    client_forget_cid(client);
     (void)client_uncount_will(client);  // a record without the mark still ends one wait
     g_will_delay_client_count.fetch_sub(1, std::memory_order_relaxed);
     client->state.store(CLOSED, std::memory_order_relaxed);

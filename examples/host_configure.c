@@ -12,6 +12,8 @@ static const struct {
     {MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1},
     {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 30},
     {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1},
+    {MQTT_BROKER_OPTION_LOW_LATENCY, 1},
+    {MQTT_BROKER_OPTION_EXACT_LOOKUP, 1},
 };
 
 static const char *const k_event_names[] = {"connect",   "disconnect",  "publish",

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 
 namespace zeb {
@@ -67,6 +68,24 @@ void platform_sleep_us(uint64_t us) {
         clock->sleep_us(us);
     else
         real_sleep_us(us);
+}
+
+void platform_alarm::ring() {
+    if (rung_.exchange(true, std::memory_order_acq_rel)) return;
+    { std::lock_guard lock(lock_); }  // not between the sleeper's look at rung_ and its wait
+    bell_.notify_one();
+}
+
+void platform_alarm::sleep_us(uint64_t us) {
+    const platform_clock *clock = g_clock.load(std::memory_order_acquire);
+    if (clock != nullptr && clock->sleep_us != nullptr) {
+        clock->sleep_us(us);
+    } else {
+        std::unique_lock lock(lock_);
+        (void)bell_.wait_for(lock, std::chrono::microseconds(us),
+                             [this] { return rung_.load(std::memory_order_relaxed); });
+    }
+    rung_.exchange(false, std::memory_order_acq_rel);
 }
 
 uint32_t platform_get_tick_ms() {

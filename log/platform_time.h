@@ -1,6 +1,9 @@
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 // The only door to clocks and sleeping, so that a test can step time. Any thread may call all of it.
 
@@ -20,6 +23,21 @@ uint64_t platform_mono_ms();
 uint64_t platform_wall_ms();
 int64_t platform_wall_sec();  // platform_wall_ms() / 1000
 void platform_sleep_us(uint64_t us);
+
+// A sleep that another thread can end. A replaced clock's sleep is not cut short.
+class platform_alarm {
+  public:
+    // Wakes the sleeper, or keeps the next sleep from beginning. Any thread; costs one relaxed look while a
+    // ring is waiting to be heard.
+    void ring();
+    // One thread. Everything that its waker did before it rang is seen afterwards.
+    void sleep_us(uint64_t us);
+
+  private:
+    std::atomic<bool> rung_{false};
+    std::mutex lock_;
+    std::condition_variable bell_;
+};
 
 uint32_t platform_get_tick_ms();  // platform_wall_ms() cut to 32 bits: compare by subtraction
 // Local time as "2024-01-02 03:04:05.678", cut to size - 2 characters.

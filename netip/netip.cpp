@@ -24,6 +24,8 @@ pthread_t *g_io_threads = nullptr;
 int g_io_thread_num = 0;
 epoll_event g_epoll_events[NETIP_MAX_EVENTS];
 io_worker g_io_workers[NETIP_MAX_IO_THREADS];
+const netip_hooks *g_netip_hooks = nullptr;
+bool g_netip_udp_watched = false;
 
 namespace {
 
@@ -33,6 +35,7 @@ std::mutex g_lifecycle_lock;  // guards everything above during init and deinit,
 bool g_up = false;
 pthread_t g_accept_thread;
 int g_io_threads_started = 0;
+std::atomic<const netip_hooks *> g_next_hooks{nullptr};
 epoll_event g_more_events[NETIP_MAX_IO_THREADS - 1][NETIP_MAX_EVENTS];  // the first worker has g_epoll_events
 
 void close_fd(int *fd) {
@@ -83,6 +86,9 @@ int open_tcp() {
 void open_udp() {
     g_netip_udp = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (g_netip_udp >= 0 && !bind_to_port(g_netip_udp)) close_fd(&g_netip_udp);
+    // Should it fail, a datagram waits for the next event of a connection, as without hooks.
+    g_netip_udp_watched = g_netip_hooks != nullptr && g_netip_udp >= 0 &&
+                          watch(netip_epoll_fd, g_netip_udp, EPOLLIN, NETIP_EPOLL_DATAGRAM);
 }
 
 // Only makes the end of the workers faster, so it may fail.
@@ -168,6 +174,7 @@ int netip_init(netip_event_cb cb, void *arg, int io_threads) {
     if (g_up) return NETIP_ERR_BIND;
     g_netip_cb.store(cb, std::memory_order_relaxed);
     g_netip_cb_arg.store(arg, std::memory_order_relaxed);
+    g_netip_hooks = g_next_hooks.load(std::memory_order_acquire);
     g_io_thread_num = std::clamp(io_threads, 1, NETIP_MAX_IO_THREADS);
     for (int i = 0; i < NETIP_MAX_IO_THREADS; ++i) g_io_workers[i] = {i, -1, -1, nullptr};
     netip_table_clear();
@@ -182,6 +189,10 @@ int netip_init(netip_event_cb cb, void *arg, int io_threads) {
     }
     g_up = true;
     return NETIP_OK;
+}
+
+void netip_set_hooks(const netip_hooks *hooks) {
+    g_next_hooks.store(hooks, std::memory_order_release);
 }
 
 void netip_deinit() {

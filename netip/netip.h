@@ -53,6 +53,12 @@ using netip_event_cb = int (*)(uint32_t handle, uint32_t event, const uint8_t *d
                                uint32_t reason, uint32_t error, void *arg);
 using netip_send_ready_cb = void (*)(netip_handle h);
 
+// For whoever wants to send without waiting for a beat. Both are called on I/O threads, no lock being held.
+struct netip_hooks {
+    void (*writable)(netip_handle h);  // a socket that was full (netip_send_blocked) takes bytes again
+    void (*batch_end)();               // the packets that have come are handled, or a fair part of them
+};
+
 struct netip_conn {
     uint32_t handle;
     uint32_t type;  // netip_conn_type
@@ -148,6 +154,10 @@ int netip_get_client_port(netip_handle h);              // host order; 0 when no
 uint64_t netip_get_client_last_active(netip_handle h);  // wall-clock milliseconds; 0 when not in use
 int netip_set_tcp_keepalive(netip_handle h, int idle_s, int interval_s, int count);  // 1 when set, else 0
 void netip_register_send_ready_cb(netip_send_ready_cb cb);                           // accepted, never called
+// Takes effect with the next netip_init; null, as from the start, for none. With hooks the I/O thread also
+// wakes for each datagram, which otherwise waits for the next event of any connection.
+void netip_set_hooks(const netip_hooks *hooks);
+bool netip_on_io_thread();    // whether the calling thread is one of the module's I/O threads
 int netip_get_free_handle();  // called with g_netip_lock held; -1 when the table is full
 
 void *accept_thread(void *);

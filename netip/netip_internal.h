@@ -20,6 +20,7 @@ inline constexpr std::size_t NETIP_PAGE = 4096;
 // that is still in a batch is not taken for one of its successor.
 inline constexpr uint64_t NETIP_EPOLL_LISTEN = 0;
 inline constexpr uint64_t NETIP_EPOLL_WAKE = UINT64_MAX;
+inline constexpr uint64_t NETIP_EPOLL_DATAGRAM = UINT64_MAX - 1;
 
 inline constexpr uint32_t NETIP_EPOLL_INPUT = EPOLLIN | EPOLLERR | EPOLLHUP;
 
@@ -32,6 +33,8 @@ struct io_worker {
 
 // Written before the threads start and after they ended.
 extern io_worker g_io_workers[NETIP_MAX_IO_THREADS];
+extern const netip_hooks *g_netip_hooks;  // null: none
+extern bool g_netip_udp_watched;          // datagrams wake the first worker
 
 inline netip_handle netip_index(const netip_conn &conn) {
     return static_cast<netip_handle>(&conn - g_netip_clients);
@@ -61,15 +64,17 @@ void netip_close_spare();
 bool netip_pin(netip_conn &conn, uint32_t generation);
 void netip_unpin(netip_conn &conn);
 
-// netip_read.cpp: true when the connection has to be closed. The slot is pinned by the caller.
-bool netip_read_connection(netip_conn &conn, uint32_t generation);
+// netip_read.cpp: true when the connection has to be closed. The slot is pinned by the caller. *packets grows
+// by those delivered.
+bool netip_read_connection(netip_conn &conn, uint32_t generation, uint32_t *packets);
 
 // netip_send.cpp
-void netip_output_ready(netip_conn &conn, uint32_t generation);
-void netip_send_last_bytes(netip_conn &conn);  // slot lock held
-void netip_forget_unsent();                    // returns the memory
+bool netip_output_ready(netip_conn &conn, uint32_t generation);  // true when the socket takes bytes again
+void netip_send_last_bytes(netip_conn &conn);                    // slot lock held
+void netip_forget_unsent();                                      // returns the memory
 
 // netip_udp.cpp
+bool netip_udp_take();  // as netip_udp_recv; whether there was a datagram
 void netip_udp_forget_peers();
 
 }  // namespace zeb

@@ -29,14 +29,30 @@ constexpr int k_wait_ms = 100;
 constexpr uint64_t k_idle_pause_us = 100;
 constexpr uint64_t k_failure_pause_us = 10000;
 
-void handle_event(const epoll_event &event) {
+constexpr uint32_t k_fair_batch = 64;  // packets after which nobody's answers wait for the rest of a round
+constexpr int k_datagrams = 16;        // a flood of datagrams leaves the streams their turn
+
+thread_local bool t_io_thread = false;
+
+void take_datagrams(uint32_t *packets) {
+    for (int i = 0; i < k_datagrams && netip_udp_take(); ++i) ++*packets;
+}
+
+// *packets grows by those that the event has brought.
+void handle_event(const epoll_event &event, uint32_t *packets) {
     if (event.data.u64 == NETIP_EPOLL_LISTEN || event.data.u64 == NETIP_EPOLL_WAKE) return;
+    if (event.data.u64 == NETIP_EPOLL_DATAGRAM) {
+        take_datagrams(packets);
+        return;
+    }
     netip_conn &conn = g_netip_clients[static_cast<uint32_t>(event.data.u64) - 1];
     const uint32_t generation = static_cast<uint32_t>(event.data.u64 >> 32);
     if (!netip_pin(conn, generation)) return;
     bool ended = (event.events & (EPOLLERR | EPOLLHUP)) != 0;
-    if (!ended && (event.events & EPOLLOUT) != 0) netip_output_ready(conn, generation);
-    if (!ended && (event.events & EPOLLIN) != 0) ended = netip_read_connection(conn, generation);
+    if (!ended && (event.events & EPOLLOUT) != 0 && netip_output_ready(conn, generation) &&
+        g_netip_hooks != nullptr)
+        g_netip_hooks->writable(netip_index(conn));
+    if (!ended && (event.events & EPOLLIN) != 0) ended = netip_read_connection(conn, generation, packets);
     if (ended) netip_close_by_peer(conn, generation);
     netip_unpin(conn);
 }
@@ -46,7 +62,7 @@ int wait_for_events(const io_worker &worker) {
     const int count = epoll_wait(worker.epoll_fd, worker.events, NETIP_MAX_EVENTS, k_wait_ms);
     if (count > 0) return count;
     if (count == 0) {
-        platform_sleep_us(k_idle_pause_us);
+        if (g_netip_hooks == nullptr) platform_sleep_us(k_idle_pause_us);
     } else if (errno != EINTR) {
         ZEB_LOG(AGENT_LOG_ERROR, "[IO] epoll_wait 错误, errno=%d", errno);
         platform_sleep_us(k_failure_pause_us);
@@ -54,17 +70,33 @@ int wait_for_events(const io_worker &worker) {
     return 0;
 }
 
+// Checked for each event: a batch of busy connections can take long, and netip_deinit waits for us.
+void handle_round(const io_worker &worker, int count) {
+    uint32_t packets = 0;
+    for (int i = 0; i < count && g_netip_running.load(std::memory_order_relaxed) != 0; ++i) {
+        handle_event(worker.events[i], &packets);
+        if (g_netip_hooks != nullptr && packets >= k_fair_batch) {
+            g_netip_hooks->batch_end();
+            packets = 0;
+        }
+    }
+    if (worker.index == 0 && g_netip_udp >= 0 && !g_netip_udp_watched) netip_udp_recv();
+    if (g_netip_hooks != nullptr) g_netip_hooks->batch_end();
+}
+
 }  // namespace
 
+bool netip_on_io_thread() {
+    return t_io_thread;
+}
+
 void *netip_io_thread(void *arg) {
+    t_io_thread = true;
     const io_worker &worker = arg != nullptr ? *static_cast<io_worker *>(arg) : g_io_workers[0];
     while (g_netip_running.load(std::memory_order_relaxed) != 0) {
         const int count = wait_for_events(worker);
         if (count == 0) continue;
-        // Checked for each event: a batch of busy connections can take long, and netip_deinit waits for us.
-        for (int i = 0; i < count && g_netip_running.load(std::memory_order_relaxed) != 0; ++i)
-            handle_event(worker.events[i]);
-        if (worker.index == 0 && g_netip_udp >= 0) netip_udp_recv();
+        handle_round(worker, count);
     }
     return nullptr;
 }

@@ -80,10 +80,10 @@ received receive(netip_conn &conn, uint32_t generation, uint32_t *count) {
 
 }  // namespace
 
-bool netip_read_connection(netip_conn &conn, uint32_t generation) {
+bool netip_read_connection(netip_conn &conn, uint32_t generation, uint32_t *packets) {
     uint32_t total = 0;
-    uint32_t packets = 0;
-    while (total < k_read_budget && packets < k_packet_budget) {
+    const uint32_t enough = *packets + k_packet_budget;
+    while (total < k_read_budget && *packets < enough) {
         const uint32_t room = NETIP_RX_BUF_SIZE - conn.rx_len;
         uint32_t count = 0;
         const received result = receive(conn, generation, &count);
@@ -93,7 +93,7 @@ bool netip_read_connection(netip_conn &conn, uint32_t generation) {
         conn.last_active_ms.store(platform_wall_ms(), std::memory_order_relaxed);
         ZEB_LOG(AGENT_LOG_DEBUG, "[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d",
                 static_cast<int>(netip_index(conn)), static_cast<int>(conn.rx_len));
-        if (!deliver_packets(conn, generation, &packets)) return false;
+        if (!deliver_packets(conn, generation, packets)) return false;
         // A packet that does not fit is never finished, so the connection ends: the bound on what clients
         // send.
         if (conn.rx_len == NETIP_RX_BUF_SIZE) return true;

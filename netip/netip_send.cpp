@@ -155,11 +155,12 @@ bool netip_send_blocked(netip_handle h) {
     return h < NETIP_MAX_CONN && g_netip_clients[h].send_blocked.load(std::memory_order_relaxed) != 0;
 }
 
-void netip_output_ready(netip_conn &conn, uint32_t generation) {
+bool netip_output_ready(netip_conn &conn, uint32_t generation) {
     std::lock_guard guard(conn.lock);
-    if (!netip_is_current(conn, generation)) return;
+    if (!netip_is_current(conn, generation) || send_unsent(conn) == NETIP_ERR_WOULDBLOCK) return false;
     // On a failure the interest goes too: epoll would report the same readiness for ever.
-    if (send_unsent(conn) != NETIP_ERR_WOULDBLOCK) stop_watching_output(conn);
+    stop_watching_output(conn);
+    return true;
 }
 
 void netip_send_last_bytes(netip_conn &conn) {

@@ -75,26 +75,32 @@ bool touch_peer(const udp_peer &peer) {
 
 }  // namespace
 
-void netip_udp_recv() {
+bool netip_udp_take() {
     uint8_t datagram[NETIP_RX_BUF_SIZE];
     sockaddr_in from{};
     socklen_t from_len = sizeof from;
     const ssize_t got = recvfrom(g_netip_udp, datagram, sizeof datagram, MSG_DONTWAIT,
                                  reinterpret_cast<sockaddr *>(&from), &from_len);
-    if (got < 1) return;
+    if (got < 0) return false;
+    if (got == 0) return true;
 
     udp_peer peer{};
     bool is_new = false;
-    if (!find_or_add_peer(from, &peer, &is_new)) return;
+    if (!find_or_add_peer(from, &peer, &is_new)) return true;
     // Pinned: a peer that is closed meanwhile must not lose its slot to another client before its packet is
     // handled.
     netip_conn &conn = g_netip_clients[peer.handle];
-    if (!netip_pin(conn, peer.generation)) return;
+    if (!netip_pin(conn, peer.generation)) return true;
     if (is_new) (void)netip_fire(peer.handle, NETIP_EVENT_CONNECT, nullptr, 0, NETIP_REASON_DATA);
     if (touch_peer(peer))
         (void)netip_fire(peer.handle, NETIP_EVENT_DATA, datagram, static_cast<uint32_t>(got),
                          NETIP_REASON_DATA);
     netip_unpin(conn);
+    return true;
+}
+
+void netip_udp_recv() {
+    (void)netip_udp_take();
 }
 
 void netip_udp_forget_peers() {

@@ -115,7 +115,7 @@ client_ref find_subscriber(const raw_publication &raw, const sub_route &route, i
         ZEB_LOG(AGENT_LOG_WARN, "[遗嘱调试][广播跳过] 订阅者%d：ClientID为空", number);
         return {};
     }
-    client_ref subscriber = client_acquire_by_cid(route.client_id);
+    client_ref subscriber = client_acquire_by_cid(route.client_id, route.cid_hash);
     if (!subscriber) {
         ZEB_LOG(AGENT_LOG_WARN, "[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 不存在", number, route.client_id);
         *failed = true;

@@ -61,7 +61,7 @@ void fan_out(const mqtt_client *publisher, const mqtt_publish_para &pub, routing
             continue;
         }
         const uint32_t qos = packet_effective_qos(pub.qos, route.qos);
-        const client_ref subscriber = client_acquire_by_cid(route.client_id);
+        const client_ref subscriber = client_acquire_by_cid(route.client_id, route.cid_hash);
         if (subscriber && client_is_online(subscriber.get()))
             sent += forward(&encoder, subscriber.get(), qos) ? 1 : 0;
         else

@@ -85,7 +85,7 @@ void packet_handler_broker_publish(const char *topic, const uint8_t *payload, in
         const sub_route &route = scratch.route(i);
         if (route.client_id[0] == '\0' || scratch.skipped(i)) continue;
         const uint32_t effective = packet_effective_qos(qos, route.qos);
-        const client_ref subscriber = client_acquire_by_cid(route.client_id);
+        const client_ref subscriber = client_acquire_by_cid(route.client_id, route.cid_hash);
         if (subscriber && client_is_online(subscriber.get()))
             deliver(&encoder, subscriber.get(), effective);
         else

@@ -53,9 +53,9 @@ struct option_range {
 };
 
 constexpr option_range k_options[] = {
-    {MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1},
-    {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 3600},
-    {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1},
+    {MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1},  {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, 3600},
+    {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1}, {MQTT_BROKER_OPTION_LOW_LATENCY, 1},
+    {MQTT_BROKER_OPTION_EXACT_LOOKUP, 1},
 };
 
 bool is_valid_option(mqtt_broker_option option, int value) {
@@ -63,6 +63,8 @@ bool is_valid_option(mqtt_broker_option option, int value) {
         if (row.option == option) return value >= 0 && value <= row.max;
     return false;
 }
+
+constexpr netip_hooks k_prompt_hooks = {client_socket_writable, client_flush_queued};
 
 // To the modules that know no instance.
 void apply_options(mqtt_broker_instance *b) {
@@ -73,6 +75,10 @@ void apply_options(mqtt_broker_instance *b) {
                                            std::memory_order_relaxed);
     g_packet_options.level_by_connect.store(flag(MQTT_BROKER_OPTION_LEVEL_BY_CONNECT),
                                             std::memory_order_relaxed);
+    g_client_options.exact_lookup.store(flag(MQTT_BROKER_OPTION_EXACT_LOOKUP), std::memory_order_relaxed);
+    const uint8_t low_latency = flag(MQTT_BROKER_OPTION_LOW_LATENCY);
+    g_client_options.low_latency.store(low_latency, std::memory_order_relaxed);
+    netip_set_hooks(low_latency != 0 ? &k_prompt_hooks : nullptr);
 }
 
 // stop, deinit and destroy wait for threads of ours, so none of these may ask for them; and a start while

@@ -60,6 +60,15 @@ typedef enum mqtt_broker_option {
     /** 0 or 1. The protocol level that CONNECT set stays for the life of the connection, and a PUBLISH has a
      * property block exactly at level 5; otherwise packets that look like the other level change it. */
     MQTT_BROKER_OPTION_LEVEL_BY_CONNECT = 2,
+    /** 0 or 1. Packets leave at once and not with a beat of 10 ms: what a client's packets have queued right
+     * after they are handled, what application threads publish as soon as the send thread wakes. A client
+     * whose queue is full is sent to before a packet for it is given up, and datagrams are read as they come,
+     * also without TCP traffic. The order for each client, limits and bytes stay what they are. */
+    MQTT_BROKER_OPTION_LOW_LATENCY = 3,
+    /** 0 or 1. Every live client is found by its identifier; otherwise of two whose identifiers share one of
+     * 11000 places the earlier gets no messages while the later is there. Of several connections with one
+     * identifier the newest is found, and when it ends the next newest. */
+    MQTT_BROKER_OPTION_EXACT_LOOKUP = 4,
     MQTT_BROKER_OPTION_FORCE_INT = 0x7fffffff /**< no option: gives the type the range of int */
 } mqtt_broker_option;
 

@@ -31,6 +31,10 @@ TEST(sdk_options, each_option_has_its_range_and_is_off_at_first) {
         {MQTT_BROKER_OPTION_CONNECT_TIMEOUT, -1, -2},
         {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1, 0},
         {MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 2, -2},
+        {MQTT_BROKER_OPTION_LOW_LATENCY, 1, 0},
+        {MQTT_BROKER_OPTION_LOW_LATENCY, 2, -2},
+        {MQTT_BROKER_OPTION_EXACT_LOOKUP, 1, 0},
+        {MQTT_BROKER_OPTION_EXACT_LOOKUP, 2, -2},
         {MQTT_BROKER_OPTION_FORCE_INT, 0, -2},
         {static_cast<mqtt_broker_option>(MQTT_BROKER_OPTION_CAPACITY), 0, -2},
     };
