@@ -5,6 +5,9 @@ build_packages=(g++ cmake ninja-build)
 test_packages=(libgtest-dev python3-minimal python3-pytest python3-paho-mqtt mosquitto-clients
     paho.mqtt.c-examples iproute2 util-linux procps doxygen mandoc valgrind binutils dpkg-dev file)
 fuzz_packages=(clang libclang-rt-14-dev)
+bench_packages=(libbenchmark-dev)
+# The comparison with other brokers, beside mosquitto itself, which needs more care.
+compare_packages=(libbenchmark-dev python3-minimal python3-matplotlib iproute2)
 # These may come from elsewhere, so what counts is the command: <command>=<package>.
 test_commands=(node=nodejs npm=npm pkg-config=pkg-config)
 
