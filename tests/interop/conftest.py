@@ -1,11 +1,15 @@
 import pytest
 
+import two_modes
 from broker_process import Broker
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "host(*options): options of the host program that a test runs against")
-    config.addinivalue_line("markers", "modern: the host program as users start it, with the library's options on")
+    two_modes.configure(config)
+
+
+def pytest_collection_modifyitems(config, items):
+    two_modes.select(config, items)
 
 
 @pytest.fixture

@@ -15,11 +15,16 @@ def host_program():
     return os.environ["ZEB_HOST"]
 
 
+def all_options_on():
+    """Whether this run of the tests is the one with every option of the library on."""
+    return os.environ.get("ZEB_OPTIONS") == "on"
+
+
 class Broker:
-    """Runs with every option of the library off unless it is told to be `modern`."""
+    """Runs with every option of the library off unless this run of the tests, or `modern`, says otherwise."""
 
     def __init__(self, directory, *options, modern=False):
-        if not modern:
+        if not modern and not all_options_on():
             options = ("--classic", *options)
         self.stderr_path = os.path.join(str(directory), "stderr.txt")
         self.lines = []
