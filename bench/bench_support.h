@@ -45,6 +45,15 @@ class client_world {
 // Null when it could not be set up; the state then says so.
 client_world *world_of(benchmark::State &state, int count);
 
+// The option of that name, as long as the object lives.
+class exact_lookup {
+  public:
+    explicit exact_lookup(bool on) { zeb::g_client_options.exact_lookup.store(on ? 1 : 0); }
+    ~exact_lookup() { zeb::g_client_options.exact_lookup.store(0); }
+    exact_lookup(const exact_lookup &) = delete;
+    exact_lookup &operator=(const exact_lookup &) = delete;
+};
+
 // Empties a client's ring as the send thread does, and returns the number of packets that it held.
 int take_queued(zeb::mqtt_client *client);
 int take_all_queued(const client_world &world);

@@ -35,7 +35,7 @@ void find_by_handle(benchmark::State &state) {
 }
 BENCHMARK(find_by_handle)->Arg(10)->Arg(1000)->Arg(10000);
 
-// Of two identifiers that share a slot of the table only the newer is found, so the others are left out.
+// In the direct-mapped table only the newer of two identifiers in one slot is found; the others are left out.
 std::vector<std::string> findable_names(const client_world &world) {
     std::vector<std::string> names;
     for (const int i : shuffled(world.count()))
@@ -44,11 +44,13 @@ std::vector<std::string> findable_names(const client_world &world) {
     return names;
 }
 
-void find_by_identifier(benchmark::State &state) {
+void find_by_identifier(benchmark::State &state, bool exact) {
     client_world *world = zeb_bench::world_of(state, static_cast<int>(state.range(0)));
     if (world == nullptr) return;
+    const zeb_bench::exact_lookup lookup(exact);
     const std::vector<std::string> names = findable_names(*world);
-    if (!require(state, !names.empty(), "no client has a name")) return;
+    const bool complete = names.size() == world->clients().size();
+    if (!require(state, !names.empty() && (complete || !exact), "a client is not found")) return;
     size_t next = 0;
     int64_t found = 0;
     for (auto _ : state) {
@@ -58,7 +60,8 @@ void find_by_identifier(benchmark::State &state) {
     require(state, found == state.iterations(), "not found");
     state.counters["findable"] = static_cast<double>(names.size());
 }
-BENCHMARK(find_by_identifier)->Arg(10)->Arg(1000)->Arg(10000);
+BENCHMARK_CAPTURE(find_by_identifier, direct_mapped, false)->Arg(10)->Arg(1000)->Arg(10000);
+BENCHMARK_CAPTURE(find_by_identifier, exact, true)->Arg(10)->Arg(1000)->Arg(10000);
 
 constexpr uint8_t k_packet[64] = {0x30, 62};
 

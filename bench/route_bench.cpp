@@ -61,10 +61,11 @@ int64_t settle(const client_world &world, int qos) {
     return copies;
 }
 
-void route_publication(benchmark::State &state, int qos) {
+void route_publication(benchmark::State &state, int qos, bool exact) {
     const int subscribers = static_cast<int>(state.range(0));
     client_world *world = zeb_bench::world_of(state, subscribers + 1);
     if (world == nullptr || !require(state, subscribe_all(*world, 1), "not subscribed")) return;
+    const zeb_bench::exact_lookup lookup(exact);
     zeb::mqtt_client *publisher = world->client(subscribers);
     const zeb_test::bytes packet =
         zeb_test::publish_packet(k_topic, zeb_test::bytes(64, k_payload_byte), qos, 7);
@@ -87,8 +88,13 @@ void route_publication(benchmark::State &state, int qos) {
     require(state, answers == state.iterations() * qos, "wrong number of answers");
     state.SetItemsProcessed(delivered);
 }
-BENCHMARK_CAPTURE(route_publication, qos0, 0)->Arg(1)->Arg(100)->Arg(1000)->UseManualTime();
-BENCHMARK_CAPTURE(route_publication, qos1, 1)->Arg(1)->Arg(100)->Arg(1000)->UseManualTime();
+BENCHMARK_CAPTURE(route_publication, qos0, 0, false)->Arg(1)->Arg(100)->Arg(1000)->UseManualTime();
+BENCHMARK_CAPTURE(route_publication, qos1, 1, false)->Arg(1)->Arg(100)->Arg(1000)->UseManualTime();
+BENCHMARK_CAPTURE(route_publication, qos0_exact_lookup, 0, true)
+    ->Arg(1)
+    ->Arg(100)
+    ->Arg(1000)
+    ->UseManualTime();
 
 void route_to_nobody(benchmark::State &state) {
     client_world *world = zeb_bench::world_of(state, 1);
@@ -100,32 +106,68 @@ void route_to_nobody(benchmark::State &state) {
 }
 BENCHMARK(route_to_nobody);
 
-// A slot of the network layer whose socket is never touched.
-void open_slot(uint32_t handle) {
-    zeb::netip_conn &conn = zeb::g_netip_clients[handle];
-    conn.type = zeb::NETIP_TYPE_TCP;
-    conn.fd = -1;
-    conn.in_use.store(1);
+// Gives the clients slots of the network layer whose sockets are never touched.
+class open_slots {
+  public:
+    explicit open_slots(const client_world &world) : count_(world.count()) {
+        for (int i = 0; i < count_; ++i) {
+            zeb::netip_conn &conn = zeb::g_netip_clients[i];
+            conn.type = zeb::NETIP_TYPE_TCP;
+            conn.fd = -1;
+            conn.in_use.store(1);
+        }
+    }
+    ~open_slots() {
+        for (int i = 0; i < count_; ++i) zeb::g_netip_clients[i].in_use.store(0);
+    }
+    open_slots(const open_slots &) = delete;
+    open_slots &operator=(const open_slots &) = delete;
+
+  private:
+    int count_;
+};
+
+int64_t give(zeb::mqtt_client *client, const zeb_test::bytes &packet, int count) {
+    int64_t queued = 0;
+    for (int i = 0; i < count; ++i)
+        queued += zeb::client_send(client, packet.data(), static_cast<int>(packet.size())) == 0 ? 1 : 0;
+    return queued;
 }
 
 void flush_full_ring(benchmark::State &state) {
     client_world *world = zeb_bench::world_of(state, 1);
     if (world == nullptr) return;
-    open_slot(0);
-    zeb::mqtt_client *client = world->client(0);
+    const open_slots slots(*world);
     const zeb_test::bytes packet(static_cast<size_t>(state.range(0)), 0x30);
     s_bytes_sent = 0;
     int64_t queued = 0;
     for (auto _ : state) {
-        for (int i = 0; i < zeb_bench::k_ring_room; ++i)
-            queued += zeb::client_send(client, packet.data(), static_cast<int>(packet.size())) == 0 ? 1 : 0;
-        zeb_bench::timed(state, [&] { zeb::client_send_flush(client); });
+        queued += give(world->client(0), packet, zeb_bench::k_ring_room);
+        zeb_bench::timed(state, [&] { zeb::client_send_flush(world->client(0)); });
     }
-    zeb::g_netip_clients[0].in_use.store(0);
     require(state, queued == state.iterations() * zeb_bench::k_ring_room, "ring not filled");
     require(state, s_bytes_sent == queued * state.range(0), "not sent");
     state.SetItemsProcessed(queued);
 }
 BENCHMARK(flush_full_ring)->Arg(64)->Arg(1900)->UseManualTime();
+
+// The send thread's beat over clients of which some have a packet.
+void beat(benchmark::State &state) {
+    client_world *world = zeb_bench::world_of(state, static_cast<int>(state.range(0)));
+    if (world == nullptr) return;
+    const open_slots slots(*world);
+    const int receivers = static_cast<int>(state.range(1));
+    const zeb_test::bytes packet(64, 0x30);
+    s_bytes_sent = 0;
+    int64_t queued = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < receivers; ++i) queued += give(world->client(i), packet, 1);
+        zeb_bench::timed(state, [] { zeb::client_flush_queued(); });
+    }
+    require(state, queued == state.iterations() * receivers, "not queued");
+    require(state, s_bytes_sent == queued * static_cast<int64_t>(packet.size()), "not sent");
+    state.SetItemsProcessed(queued);
+}
+BENCHMARK(beat)->Args({1000, 0})->Args({1000, 1})->Args({1000, 100})->Args({1000, 1000})->UseManualTime();
 
 }  // namespace
