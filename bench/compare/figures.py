@@ -1,11 +1,9 @@
 """The figures of the report, as SVG. Bars are medians, the lines on them reach from the lowest to the highest."""
 
 import matplotlib
+from matplotlib.figure import Figure
 
-matplotlib.use("svg")
-import matplotlib.pyplot as plt  # noqa: E402  (the backend has to be chosen first)
-
-from scenarios import INFORMATIVE, SIDE_BY_SIDE  # noqa: E402
+from scenarios import INFORMATIVE, SIDE_BY_SIDE
 
 # Text stays text, and the same results give the same file.
 matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "zeb", "font.size": 9})
@@ -19,7 +17,8 @@ LATENCY_SCENARIO = "ll-latency"
 def grouped_bars(results, groups, label, scale, path):
     """One group of bars for each (title, scenario, key), one bar in it for each broker."""
     brokers = results.brokers()
-    figure, axes = plt.subplots(figsize=(max(6.0, 1.3 * len(groups)), 4.0), layout="constrained")
+    figure = Figure(figsize=(max(6.0, 1.3 * len(groups)), 4.0), layout="constrained")
+    axes = figure.subplots()
     width = 0.8 / max(1, len(brokers))
     for place, (name, title) in enumerate(brokers.items()):
         spreads = [(i, results.spread(scenario, name, key)) for i, (_, scenario, key) in enumerate(groups)]
@@ -37,7 +36,6 @@ def grouped_bars(results, groups, label, scale, path):
     axes.grid(axis="y", alpha=0.3)
     axes.legend()
     figure.savefig(path, metadata={"Date": None})
-    plt.close(figure)
 
 
 def groups_with(results, keys):

@@ -68,7 +68,11 @@ def plan(options, found):
 
 
 def run_all(options, settings, found, stream):
-    """Each record is on disk before the next run starts, so that an interrupted comparison still has a report."""
+    """Each record is on disk before the next run starts, so that an interrupted comparison still has a report.
+
+    Returns how many runs had a result.
+    """
+    measured = 0
     work = list(plan(options, found))
     if not work:
         sys.exit("bench/compare.sh: nothing to do")
@@ -79,6 +83,8 @@ def run_all(options, settings, found, stream):
             print(f"    {trouble}", file=sys.stderr, flush=True)
         stream.write(json.dumps(record) + "\n")
         stream.flush()
+        measured += record["result"] is not None
+    return measured
 
 
 def ended_by_signal(number, _frame):
@@ -88,6 +94,7 @@ def ended_by_signal(number, _frame):
 def main():
     options = arguments()
     results = TOP / "build" / "compare" / "results.jsonl"
+    measured = None
     if not options.report_only:
         signal.signal(signal.SIGTERM, ended_by_signal)
         settings = settings_of(options)
@@ -96,10 +103,12 @@ def main():
         results.parent.mkdir(parents=True, exist_ok=True)
         with results.open("w", encoding="utf-8") as stream:
             stream.write(json.dumps(machine.describe(TOP, settings, found)) + "\n")
-            run_all(options, settings, found, stream)
+            measured = run_all(options, settings, found, stream)
     elif not results.exists():
         sys.exit("bench/compare.sh: no results yet")
     report.write(results, TOP / "bench")
+    if measured == 0:
+        sys.exit("bench/compare.sh: no run had a result")
 
 
 if __name__ == "__main__":

@@ -56,9 +56,9 @@ def die_with_parent():
 
 
 def end(process, seconds):
-    """End a child for certain. Returns what was wrong about its end, or None."""
+    """End a child for certain. Returns what was wrong about that, or None; one that had ended is another's concern."""
     if process.poll() is not None:
-        return f"had already ended with status {process.returncode}"
+        return None
     process.terminate()
     try:
         process.wait(seconds)
@@ -103,19 +103,21 @@ class LiveBroker:
     def wait_until_it_answers(self):
         deadline = time.monotonic() + START_S
         while not answers_connect(self.port):
-            if self.process.poll() is not None:
-                raise RunFailed(f"the broker ended at once with status {self.process.returncode}: {self.tail()}")
+            self.check_alive()
             if time.monotonic() > deadline:
                 raise RunFailed(f"the broker did not answer a CONNECT within {START_S:.0f} s: {self.tail()}")
             time.sleep(0.05)
         self.rss_ready_kib = status_kib(self.process.pid, "VmRSS")
 
-    def check_alive(self):
+    def check_alive(self, failure=None):
+        """What else went wrong is only a consequence when the broker has ended."""
         if self.process.poll() is not None:
-            raise RunFailed(f"the broker ended with status {self.process.returncode} during the run: {self.tail()}")
+            status = self.process.returncode
+            raise RunFailed(f"the broker ended with status {status} during the run: {self.tail()}") from failure
 
     def tail(self):
-        return self.output.read_bytes()[-300:].decode("utf-8", "replace").strip() or "it printed nothing"
+        lines = self.output.read_text(encoding="utf-8", errors="replace").splitlines()
+        return " / ".join(lines[-3:])[-300:] or "it printed nothing"
 
 
 @contextlib.contextmanager
@@ -134,6 +136,9 @@ def running(broker, scenario):
             live.wait_until_it_answers()
             yield live
             live.check_alive()
+        except (RunFailed, OSError) as failure:
+            live.check_alive(failure)
+            raise
         finally:
             remark = end(process, STOP_S)
             if remark:
