@@ -11,6 +11,7 @@ from mqtt_wire import filler
 by_session = pytest.mark.parametrize("maker", SESSIONS, ids=lambda maker: maker.name)
 error_log = pytest.mark.host("--log-level", "error")
 info_log = pytest.mark.host("--log-level", "info")
+by_shape = pytest.mark.classic("LEVEL_BY_CONNECT: the level is that of CONNECT, whatever a packet looks like")
 
 
 def wait_log(broker, text):
@@ -21,6 +22,7 @@ def wait_log(broker, text):
 
 
 @by_session
+@by_shape
 def test_v311_payload_whose_first_byte_fits_as_a_property_length_loses_that_block(broker, keep, maker):
     client = keep(maker.subscriber(broker, "sub", ["t"]))
     publisher = keep(maker("pub").connect())
@@ -31,6 +33,7 @@ def test_v311_payload_whose_first_byte_fits_as_a_property_length_loses_that_bloc
 
 
 @by_session
+@by_shape
 def test_v311_text_longer_than_its_first_letter_loses_that_many_bytes(broker, keep, maker):
     """"x" is 120: the 120 bytes after it are taken for properties."""
     client = keep(maker.subscriber(broker, "sub", ["t"]))
@@ -115,6 +118,7 @@ def acknowledged_once(broker, keep, maker):
 
 @info_log
 @by_session
+@by_shape
 def test_v5_message_after_a_two_byte_acknowledgement_comes_without_its_property_length(broker, keep, maker):
     """The client takes the first byte of the payload for the length that is missing."""
     client, publisher = acknowledged_once(broker, keep, maker)
@@ -123,6 +127,7 @@ def test_v5_message_after_a_two_byte_acknowledgement_comes_without_its_property_
 
 
 @info_log
+@by_shape
 def test_v5_subscribe_after_a_two_byte_acknowledgement_is_not_understood(broker, keep):
     client, _ = acknowledged_once(broker, keep, PahoPython)
     client.client.subscribe("u", 0)
@@ -169,7 +174,11 @@ PROPERTIES = {
 }
 
 
-@pytest.mark.parametrize("name", PROPERTIES)
+skipped_wrongly = pytest.mark.classic("LEVEL_BY_CONNECT: each property is as long as the standard says")
+
+
+@pytest.mark.parametrize("name", [pytest.param(name, marks=skipped_wrongly if "takes" in name else ())
+                                  for name in PROPERTIES])
 def test_v5_property(broker, keep, name):
     """Properties of PUBLISH other than two are skipped as if each carried its length."""
     values, payload = PROPERTIES[name]

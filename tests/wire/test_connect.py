@@ -6,6 +6,7 @@ import pytest
 
 from mqtt_wire import (CONNACK, DISCONNECT, DISCONNECT_V5, ack, connack_v5, connect, filler, maximum_packet_size,
                        packet, publish, string, suback, subscribe, unhex)
+from slots import names_apart
 
 DISCONNECT_TOO_LARGE = unhex("E0 02 95 00")
 
@@ -62,16 +63,19 @@ def test_level_5_unknown_property_hides_the_properties_after_it(raw):
     other.expect(connack_v5(4096))
 
 
+@pytest.mark.classic("REQUIRE_CONNECT: closed unanswered")
 def test_ping_before_connect_is_answered(raw):
     raw().ping()
 
 
+@pytest.mark.classic("REQUIRE_CONNECT: closed unanswered")
 def test_subscribe_before_connect_is_refused_per_filter(raw):
     conn = raw()
     conn.send(subscribe(1, ("t", 0)))
     conn.expect(suback(1, 0x80))
 
 
+@pytest.mark.classic("REQUIRE_CONNECT: closed unanswered")
 def test_publish_before_connect_is_routed_and_acknowledged(raw, client):
     subscriber = client("sub")
     subscriber.subscribe(("t", 0))
@@ -83,6 +87,22 @@ def test_publish_before_connect_is_routed_and_acknowledged(raw, client):
 
 @pytest.mark.host("--max-packet-size", "256")
 def test_configured_maximum_applies_before_connect(raw):
+    def connect_of(size):
+        whole = connect("a", flags=0x04, rest=string("w") + string("m" * (size - 21)))
+        assert len(whole) == size
+        return whole
+
+    small = raw()
+    small.send(connect_of(256))
+    small.expect(CONNACK)
+    large = raw()
+    large.send(connect_of(257))
+    large.expect_closed(DISCONNECT)
+
+
+@pytest.mark.host("--max-packet-size", "256")
+@pytest.mark.classic("REQUIRE_CONNECT: closed unanswered")
+def test_configured_maximum_applies_to_publications_before_connect(raw):
     small = raw()
     small.send(publish("t", filler(248), qos=1, pid=1))
     small.expect(ack(0x40, 1))
@@ -98,13 +118,16 @@ def test_level_4_connect_lifts_the_configured_maximum_to_4096(client):
     conn.expect(ack(0x40, 1))
 
 
+other_level = pytest.mark.classic("LEVEL_BY_CONNECT: a second CONNECT of the other level is dropped")
+
+
 @pytest.mark.host("--print-events")
-def test_second_connect_on_a_connection_is_answered_again(broker, raw):
-    conn = raw()
-    conn.send(connect("first"))
-    conn.expect(CONNACK)
-    conn.send(connect("second", 5))
-    conn.expect(connack_v5(256))
+@pytest.mark.parametrize("first, second", [(4, 4), (5, 5), pytest.param(4, 5, marks=other_level),
+                                           pytest.param(5, 4, marks=other_level)])
+def test_second_connect_on_a_connection_is_answered_again(broker, client, first, second):
+    conn = client("first", first)
+    conn.send(connect("second", second))
+    conn.expect(connack_v5(256) if second == 5 else CONNACK)
     assert client_ids(broker, 2) == ["first", "second"]
 
 
@@ -158,7 +181,7 @@ def test_clients_without_an_id_get_names_and_messages_of_their_own(broker, raw, 
         conn.expect(CONNACK)
     for number, conn in enumerate(unnamed):
         conn.subscribe(("to/%d" % number, 0))
-    publisher = client("publisher")
+    publisher = client(*names_apart("publisher-", 1))
     for number in range(len(unnamed)):
         publisher.send(publish("to/%d" % number, b"for %d" % number))
     publisher.ping()
@@ -218,9 +241,9 @@ MALFORMED = {
 def test_malformed_connect_is_ignored_and_the_connection_kept(raw, name):
     conn = raw()
     conn.send(MALFORMED[name])
-    conn.ping()
     conn.send(connect("good"))
     conn.expect(CONNACK)
+    conn.ping()
 
 
 def test_reserved_connect_flag_is_not_looked_at(client):

@@ -10,8 +10,8 @@ import time
 import pytest
 
 from broker_process import host_program
-from mqtt_wire import (CONNACK, DEADLINE_S, DISCONNECT, PINGREQ, PINGRESP, Conn, Datagrams, ack, connect, filler,
-                       publish, suback, subscribe, unsubscribe)
+from mqtt_wire import (CONNACK, DEADLINE_S, DISCONNECT, Conn, Datagrams, ack, connect, filler, publish, suback,
+                       subscribe, unsubscribe)
 
 REPOSITORY = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
@@ -64,7 +64,8 @@ def test_port_is_recorded_and_1883_is_served(start_broker):
     def started():
         broker = start_broker("--port", "8883", "--log-level", "info")
         conn = Conn()
-        conn.ping()
+        conn.send(connect("a"))
+        conn.expect(CONNACK)
         conn.close()
         broker.stop()
         return any(line.endswith("[SDK] start success, listen 0.0.0.0:8883") for line in broker.output())
@@ -193,10 +194,12 @@ def test_messages_to_a_silent_client_keep_it_open(broker, client):
 
 @pytest.mark.host("--keepalive-timeout", "1", "--max-clients", "1000")
 def test_client_that_never_connected_is_closed_after_the_configured_time(broker, raw, client):
-    conn, patient = raw(), client("patient", keepalive=600)
-    conn.ping()
+    conn, silent, patient = raw(), raw(), client("patient", keepalive=600)
+    conn.send(connect("i" * 24))  # a packet all the same
     until_closed(conn, lambda: None)
     patient.ping()
+    silent.send(connect("silent"))  # had sent nothing, so that this limit was not for it
+    silent.expect(CONNACK)
 
 
 @one_pass
@@ -209,6 +212,6 @@ def test_silent_datagram_peer_is_forgotten(broker, client):
     silent = client("silent", keepalive=2)
     until_closed(silent, nudge.ping)
     nudge.send(publish("t", b"hello"))
-    peer.send(PINGREQ)
-    peer.expect(PINGRESP)
+    peer.send(connect("udp"))
+    peer.expect(CONNACK)  # and not the message
     peer.close()

@@ -220,7 +220,7 @@ def test_datagram_peer_that_disconnects_may_connect_again(datagrams):
 
 @pytest.mark.host("--max-packet-size", "256")
 def test_datagram_above_the_maximum_is_answered_with_disconnect(datagrams):
-    datagrams.send(publish("t", filler(300)))
+    datagrams.send(connect("udp", flags=0x04, rest=string("w") + string("m" * 300)))
     datagrams.expect(DISCONNECT)
     datagrams.send(connect("udp"))
     datagrams.expect(CONNACK)

@@ -60,6 +60,7 @@ def test_json_of_every_size_passes_at_level_4(client):
         receiver.expect_publish("t", json_of(size))
 
 
+@pytest.mark.classic("LEVEL_BY_CONNECT: payloads stay whole")
 def test_without_the_option_a_json_payload_of_124_bytes_loses_its_first_byte(client):
     sender, receiver = client("sender"), client("receiver")
     receiver.subscribe(("t", 0))

@@ -253,21 +253,37 @@ def test_packets_after_disconnect_are_not_handled(client):
 # Acknowledgements
 
 
-@pytest.mark.parametrize("bytes_sent, answer", [
-    ("62 02 12 34", "70 02 12 34"),
-    ("60 02 12 34", "70 02 12 34"),
-    ("62 02 00 00", "70 02 00 00"),
-    ("62 03 12 34 92", "70 03 12 34 00"),
-    ("62 04 12 34 00 00", "70 03 12 34 00"),
-    ("50 02 12 34", "62 02 12 34"),
-    ("50 03 12 34 00", "62 03 12 34 00"),
-])
-@pytest.mark.parametrize("level", [4, 5])
-def test_acknowledgement_of_an_unknown_identifier_is_answered_in_its_own_form(client, level, bytes_sent, answer):
-    conn = client("a", level)
+IN_LEVEL_4_FORM = [("62 02 12 34", "70 02 12 34"), ("60 02 12 34", "70 02 12 34"), ("62 02 00 00", "70 02 00 00"),
+                   ("50 02 12 34", "62 02 12 34")]
+IN_LEVEL_5_FORM = [("62 03 12 34 92", "70 03 12 34 00"), ("62 04 12 34 00 00", "70 03 12 34 00"),
+                   ("50 03 12 34 00", "62 03 12 34 00")]
+OF_THE_LEVEL = [(4, *row) for row in IN_LEVEL_4_FORM] + [(5, *row) for row in IN_LEVEL_5_FORM]
+OF_THE_OTHER = [(5, *row) for row in IN_LEVEL_4_FORM] + [(4, *row) for row in IN_LEVEL_5_FORM]
+
+
+def check_answer(conn, bytes_sent, answer):
     conn.send(unhex(bytes_sent))
-    conn.expect(unhex(answer))
+    conn.expect(answer)
     conn.ping()
+
+
+@pytest.mark.parametrize("level, bytes_sent, answer", OF_THE_LEVEL)
+def test_acknowledgement_of_an_unknown_identifier_is_answered(client, level, bytes_sent, answer):
+    check_answer(client("a", level), bytes_sent, unhex(answer))
+
+
+@pytest.mark.classic("LEVEL_BY_CONNECT: the answer has the form of the level")
+@pytest.mark.parametrize("level, bytes_sent, answer", OF_THE_OTHER)
+def test_acknowledgement_in_the_other_levels_form_is_answered_in_that_form(client, level, bytes_sent, answer):
+    check_answer(client("a", level), bytes_sent, unhex(answer))
+
+
+@pytest.mark.modern
+@pytest.mark.parametrize("level, bytes_sent, answer", OF_THE_OTHER)
+def test_acknowledgement_in_the_other_levels_form_is_answered_in_that_of_its_own(client, level, bytes_sent, answer):
+    other = unhex(answer)
+    own = ack(other[0], int.from_bytes(other[2:4], "big"), 0 if level == 5 else None)
+    check_answer(client("a", level), bytes_sent, own)
 
 
 @pytest.mark.parametrize("bytes_sent", ["40 02 12 34", "70 02 12 34", "40 03 12 34 10", "70 04 12 34 00 00"])
