@@ -12,7 +12,7 @@ namespace zeb_load {
 
 namespace {
 
-constexpr uint64_t k_stall_ns = 5 * k_ns_per_s;       // no client got further
+constexpr uint64_t k_stall_ns = 3 * k_ns_per_s;       // no client got further
 constexpr uint64_t k_open_ns = 8 * k_ns_per_s;        // for all together
 constexpr uint64_t k_open_each_ns = 5 * k_ns_per_ms;  // and more for each of many
 constexpr uint64_t k_tick_ns = 100 * k_ns_per_ms;

@@ -83,6 +83,8 @@ const row k_rows[] = {
      "B         bytes per second that each reads (1024)"},
     {"search", &options::search, k_traffic, 0, 0, "",
      "          look for the highest rate without loss, from --rate (20000)"},
+    {"loss-ppm", &options::loss_ppm, k_traffic, 0, 1000000, "",
+     "N         of a million that a probe of the search may lose (0)"},
 };
 
 unsigned scenario_bit(scenario what) {

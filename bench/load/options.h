@@ -41,6 +41,7 @@ struct options {
     uint64_t slow = 0;
     uint64_t slow_rate = 1024;
     bool search = false;
+    uint64_t loss_ppm = 0;  // that a probe of the search may lose
 
     filter_form others_form() const;
     uint64_t connection_count() const;

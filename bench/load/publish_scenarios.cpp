@@ -27,10 +27,10 @@ struct search {
     void look();
 };
 
-bool good(const outcome &got) {
+bool good(const options &o, const outcome &got) {
     const double offered = static_cast<double>(got.offered);
     const double copies = offered * got.copies;
-    return got.error.empty() && got.lost() == 0 &&
+    return got.error.empty() && got.lost() * 1000000 <= got.expected * o.loss_ppm &&
            static_cast<double>(got.published) >= k_good_part * offered &&
            static_cast<double>(got.got.in_window) >= k_good_part * copies;
 }
@@ -41,7 +41,7 @@ bool search::passes(uint64_t rate) {
     for (int i = 0; i < k_tries && error.empty(); ++i) {
         outcome got = run_traffic(o, to, ++runs, rate);
         if (!got.error.empty() && !got.broken) error = got.error;
-        const bool fine = good(got);
+        const bool fine = good(o, got);
         if (o.verbose)
             (void)fprintf(stderr, "%llu/s: %s, published %llu of %llu, lost %llu, in time %llu %s\n",
                           static_cast<unsigned long long>(rate), fine ? "good" : "failed",
@@ -176,6 +176,7 @@ int run_search(const options &o, const endpoint &to, report &out) {
     s.look();
     const bool found = s.best.rate > 0;
     add_outcome(o, found ? s.best : s.worst, "search", out);
+    out.add("loss_ppm", o.loss_ppm);
     out.add("max_rate", s.best.rate);
     out.add("max_delivered_per_s", per_second(s.best.got.in_window, o));
     out.add("probes", uint64_t{s.runs});

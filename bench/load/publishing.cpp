@@ -19,7 +19,6 @@ constexpr size_t k_max_head = k_max_packet_overhead;
 publishing::publishing(poller &poll, const options &o, uint16_t run, const schedule *when,
                        const window &measured)
     : poll_(poll),
-      options_(o),
       run_(run),
       when_(when),
       measured_(measured),

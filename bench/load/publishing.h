@@ -59,7 +59,6 @@ class publishing {
     bool release(publisher &p, const packet &ack);
 
     poller &poll_;
-    const options &options_;
     const uint16_t run_;
     const schedule *when_;  // null: whenever the socket takes it
     const window measured_;
