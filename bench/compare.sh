@@ -10,7 +10,7 @@ Installs what is missing (Debian 12), builds the release preset in build/bench, 
 bench/compare/scenarios.py against each broker in turn and reports medians and ratios: on the console, in
 bench/RESULTS.md and bench/figures; the single results are in build/compare/results.jsonl. Run as root if
 possible: each broker then gets a network of its own; otherwise port 1883 has to be free.
-Nothing else should run on the machine meanwhile. With the defaults it takes one to two hours.
+Nothing else should run on the machine meanwhile. With the defaults it takes about an hour and a half.
 
   --rounds N        runs of each scenario and broker (5)
   --seconds S       measured time of a run; the probes of a search are shorter (5)

@@ -3,6 +3,7 @@
 import contextlib
 import ctypes
 import os
+import re
 import resource
 import signal
 import socket
@@ -116,8 +117,10 @@ class LiveBroker:
             raise RunFailed(f"the broker ended with status {status} during the run: {self.tail()}") from failure
 
     def tail(self):
+        """What it printed of an error, or last of all, without the directories of this machine."""
         lines = self.output.read_text(encoding="utf-8", errors="replace").splitlines()
-        return " / ".join(lines[-3:])[-300:] or "it printed nothing"
+        telling = [line for line in lines if "Error" in line] or lines
+        return re.sub(r"/[^\s:]*/", "", " / ".join(telling[-3:]))[-300:] or "it printed nothing"
 
 
 @contextlib.contextmanager

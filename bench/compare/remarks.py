@@ -1,5 +1,7 @@
 """What a reader has to know about the figures: runs that failed, messages lost, rates not kept."""
 
+from runs import DRAIN_S
+
 KEPT_UP = 0.97  # of the offered rate
 
 
@@ -13,8 +15,8 @@ def lost_messages(runs):
     if not losing:
         return None
     lost, expected = (sum(result.get(key, 0) for result in results) for key in ("lost", "expected"))
-    return (f"lost {lost:,} of {expected:,} messages ({share(lost, expected)}) "
-            f"in {len(losing)} of {len(results)} rounds")
+    return (f"lost {lost:,} of {expected:,} messages ({share(lost, expected)}), or had not delivered them "
+            f"{DRAIN_S:g} s after the end, in {len(losing)} of {len(results)} rounds")
 
 
 def repeated_messages(runs):

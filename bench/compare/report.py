@@ -4,7 +4,7 @@ import figures
 from remarks import remarks
 from results import Results, met, own_value
 from scenarios import ALL, INFORMATIVE, LOWER, OWN, OWN_TARGETS, SIDE_BY_SIDE
-from tables import NOTHING, bound, number, table, verdict, with_range
+from tables import NOTHING, bound, number, ratio, table, verdict, with_range
 
 OURS, EARLIER, REFERENCE = "zeb", "earlier", "mosquitto"
 
@@ -14,7 +14,10 @@ interface, waits until it answers a CONNECT, and lets `zeb_load` measure it on t
 turns within each round. A figure is the median over the rounds, with the lowest and the highest in parentheses.
 Messages have 64 bytes of payload and QoS 0 unless the scenario says otherwise. Latency counts from when a message
 was due, not from when it was sent. CPU is user and system time of all threads of the broker, resident size is
-VmRSS; both come from /proc. A search ends at the highest rate, to within 5 %, at which no message is lost.
+VmRSS; both come from /proc. Runs for CPU figures have no warm-up, so that the CPU of a broker that falls behind is
+set against all that it was given and delivered; those for latency and rates have a second of it. Connections
+beyond a broker's listen backlog wait for a repeated SYN. A search ends at the highest rate, to within 5 %, at
+which no message is lost.
 
 zeb runs in its default mode with every option off (`--classic`), or where the name of a scenario begins with `ll-`
 in its low-latency mode. In the default mode it finds a client through a table of 11000 places, so there the client
@@ -25,7 +28,7 @@ its state in memory."""
 
 
 def side_by_side(results, scenarios):
-    titles = {name: title for name, title in results.brokers().items()}
+    titles = results.brokers()
     others = [name for name in titles if name != OURS]
     header = ["Scenario", "Figure", *titles.values(), *(f"zeb : {titles[name]}" for name in others), "target", "met"]
     rows = []
@@ -37,7 +40,7 @@ def side_by_side(results, scenarios):
             ratios = {name: results.ratio(figure.key, (scenario.name, OURS), (scenario.name, name))
                       for name in others}
             rows.append([f"{scenario.name}: {scenario.title}", figure.title, *cells,
-                         *(number(ratios[name]) for name in others), bound(figure.target, figure.better == LOWER),
+                         *(ratio(ratios[name]) for name in others), bound(figure.target, figure.better == LOWER),
                          verdict(met(ratios.get(REFERENCE), figure.target, figure.better))])
     return table(header, rows) if rows else ""
 

@@ -1,13 +1,13 @@
 """One run of one scenario against one broker: what is started, and which figures come out."""
 
 import json
+import time
 from pathlib import Path
 
 import retained
 from processes import RunFailed, run_tool, running
 from scenarios import DEFAULT_MODE
 
-WARMUP_S = 1.0
 DRAIN_S = 2.0
 SLACK_S = 30.0         # connecting, and a load program that notices a broker that hangs
 PROBE_SHARE = 0.4      # of the measured seconds, for each of the many probes of a search
@@ -26,8 +26,8 @@ def load_command(scenario, seconds, program, port, pid):
         limit += seconds
     if scenario.kind == "publish":
         measured = max(1.0, seconds * PROBE_SHARE) if scenario.search else seconds
-        command += ["--seconds", f"{measured:g}", "--warmup", f"{WARMUP_S:g}", "--drain", f"{DRAIN_S:g}"]
-        once = WARMUP_S + measured + DRAIN_S
+        command += ["--seconds", f"{measured:g}", "--warmup", f"{scenario.warmup_s:g}", "--drain", f"{DRAIN_S:g}"]
+        once = scenario.warmup_s + measured + DRAIN_S
         limit = PROBES_AT_MOST * once + SLACK_S if scenario.search else once + SLACK_S
     if scenario.mode == DEFAULT_MODE:
         command.append("--spread-ids")
@@ -117,8 +117,10 @@ def run_once(scenario, broker, number, settings):
     """A record of the run, with a result or an error."""
     record = {"kind": "run", "scenario": scenario.name, "broker": broker.name, "round": number, "remarks": [],
               "result": None, "error": None}
+    began = time.monotonic()
     try:
         record["result"] = measured(scenario, broker, settings, record)
     except (RunFailed, OSError, ValueError, KeyError) as failure:
         record["error"] = str(failure) or type(failure).__name__
+    record["took_s"] = round(time.monotonic() - began, 1)
     return record

@@ -12,6 +12,11 @@ def number(value):
     return f"{value:,.{digits}f}"
 
 
+def ratio(value):
+    """Digits enough to tell which side of a target it is on."""
+    return NOTHING if value is None else f"{value:,.3f}" if value < 10 else f"{value:,.1f}"
+
+
 def with_range(spread, unit):
     if spread is None:
         return NOTHING

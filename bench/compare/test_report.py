@@ -68,13 +68,19 @@ def test_numbers_have_the_digits_that_they_deserve(value, text):
     assert tables.number(value) == text
 
 
+@pytest.mark.parametrize("value, text", [(None, "–"), (1.0046, "1.005"), (0.2, "0.200"), (16.62, "16.6")])
+def test_a_ratio_tells_which_side_of_a_target_it_is_on(value, text):
+    assert tables.ratio(value) == text
+
+
 def test_a_table_lines_up_and_keeps_bars_out_of_its_cells():
     assert tables.table(["a", "b"], [["x|y", "1"]]) == "| a    | b |\n|------|---|\n| x\\|y | 1 |"
 
 
 def test_losses_are_added_up_over_the_rounds():
     runs = [run("s", "zeb", 1, {"lost": 5, "expected": 100}), run("s", "zeb", 2, {"lost": 0, "expected": 100})]
-    assert remarks.lost_messages(runs) == "lost 5 of 200 messages (2.5 %) in 1 of 2 rounds"
+    assert remarks.lost_messages(runs) == (
+        "lost 5 of 200 messages (2.5 %), or had not delivered them 2 s after the end, in 1 of 2 rounds")
     assert remarks.lost_messages(runs[1:]) is None
 
 
@@ -111,8 +117,8 @@ def test_a_command_is_shown_without_what_only_this_machine_knows():
     command, limit = load_command(scenario, 5, "/somewhere/zeb_load", 1883, 1883)
     text = shown(command, 1883, 1883)
     assert text.startswith("zeb_load publish --name fanout-50 --host 127.0.0.1 --port PORT --pid PID --publishers 1 ")
-    assert text.endswith(" --seconds 5 --warmup 1 --drain 2 --spread-ids")
-    assert limit == 38
+    assert text.endswith(" --seconds 5 --warmup 0 --drain 2 --spread-ids")
+    assert limit == 37
 
 
 def test_names_are_unique_and_targets_name_scenarios():
