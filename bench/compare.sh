@@ -40,8 +40,13 @@ while [[ $# -gt 0 ]]; do
             exit 2
         fi
         value=$2
-        # Named from where the caller is.
-        [[ $1 != --baseline ]] || value=$(readlink -m "$2")
+        if [[ $1 == --baseline ]]; then
+            if [[ ! -x $2 ]]; then
+                echo "bench/compare.sh: no such program: $2" >&2
+                exit 2
+            fi
+            value=$(readlink -f "$2") # named from where the caller is
+        fi
         options+=("$1=$value")
         shift
         ;;
