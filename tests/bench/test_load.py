@@ -43,8 +43,8 @@ def test_shared_groups_get_each_message_once(broker):
     check(load_program.publish("--subscribers", 9, "--shared", 3, "--rate", 320), 3, 64)
 
 
-def test_bursts_carry_as_much_as_an_even_pace(broker):
-    check(load_program.publish("--pace", "burst", "--burst-ms", 50, "--rate", 320), 1, 64)
+def test_bursts_of_large_messages_carry_as_much_as_an_even_pace(broker):
+    check(load_program.publish("--pace", "burst", "--burst-ms", 50, "--rate", 320, "--payload", 1900), 1, 64)
 
 
 def test_other_subscriptions_and_slow_subscribers_do_not_count(broker):
@@ -61,13 +61,9 @@ def test_full_speed_stays_within_the_window_of_unacknowledged_messages(broker):
     check(result, 1, result["published"], LOST_TO_IDENTIFIERS)
 
 
-def test_large_messages_are_put_together_from_many_reads(broker):
-    check(load_program.publish("--payload", 1900, "--rate", 320), 1, 64)
-
-
 def test_search_ends_at_a_rate_that_loses_nothing(start_broker):
     start_broker(modern=False)
-    result = load_program.run("publish", "--search", "--seconds", "0.15", "--warmup", "0.05", "--drain", "0.1",
+    result = load_program.run("publish", "--search", "--seconds", "0.1", "--warmup", "0.05", "--drain", "0.1",
                               "--rate", 6400)
     assert result["scenario"] == "search" and result["lost"] == 0 and result["probes"] > 1
     assert result["max_rate"] == result["rate"] > 0
@@ -87,7 +83,7 @@ def test_process_of_the_broker_is_measured(broker):
 
 def load_until_published(broker, number):
     """Start a long run, do something to the broker once messages flow, and return how the run ends."""
-    process = load_program.start("publish", "--rate", 500, "--seconds", 1, "--warmup", 0, "--drain", "0.1")
+    process = load_program.start("publish", "--rate", 500, "--seconds", "0.5", "--warmup", 0, "--drain", "0.1")
     broker.wait_events("publish")
     begin = time.monotonic()
     broker.process.send_signal(number)
@@ -105,7 +101,7 @@ def test_hanging_broker_ends_the_run_in_time(start_broker):
     broker = start_broker("--print-events")
     result, took_s = load_until_published(broker, signal.SIGSTOP)
     assert "does not answer" in result["error"]
-    assert took_s < 1 + 10
+    assert took_s < 0.5 + 0.1 + 10
 
 
 @pytest.mark.parametrize("scenario", [("connect", "--connections", 3), ("idle", "--connections", 3), ("publish",),
