@@ -25,10 +25,11 @@ inline constexpr uint64_t CLIENT_WILL_FORCE_MS = 30000;
 
 enum client_state : uint32_t { CONNECTED = 1, LOGINED = 2, CLOSING = 3, CLOSED = 4 };
 
+// The packet last: a short one then shares its page with what is said of it.
 struct client_send_slot {
-    uint8_t data[CLIENT_SEND_MAX];
     uint32_t len;
     uint8_t ready;
+    uint8_t data[CLIENT_SEND_MAX];
 };
 
 struct mqtt_client {
