@@ -25,12 +25,15 @@ inline constexpr uint64_t CLIENT_WILL_FORCE_MS = 30000;
 
 enum client_state : uint32_t { CONNECTED = 1, LOGINED = 2, CLOSING = 3, CLOSED = 4 };
 
-// The packet last: a short one then shares its page with what is said of it.
+// The packets of a ring lie close together behind its slots, and not each in a place of 4 KiB: the ring of a
+// client that keeps up is one page, and what goes out together is one piece of memory.
 struct client_send_slot {
+    uint8_t *data;
     uint32_t len;
     uint8_t ready;
-    uint8_t data[CLIENT_SEND_MAX];
 };
+inline constexpr std::size_t CLIENT_SEND_RING_BYTES =
+    (sizeof(client_send_slot) + CLIENT_SEND_MAX) * CLIENT_SEND_RING_SIZE;
 
 struct mqtt_client {
     std::atomic<uint32_t> handle;  // NETIP_HANDLE_NONE once released

@@ -31,7 +31,7 @@ bool is_pool_record(const mqtt_client *client) {
 void free_ring(mqtt_client *client) {
     std::lock_guard lock(client->send_lock);
     client_send_slot *ring = client->send_ring.exchange(nullptr, std::memory_order_relaxed);
-    platform_zero_free(ring, sizeof(client_send_slot) * CLIENT_SEND_RING_SIZE);
+    platform_zero_free(ring, CLIENT_SEND_RING_BYTES);
     client->send_head.store(0, std::memory_order_relaxed);
     client->send_tail.store(0, std::memory_order_relaxed);
 }

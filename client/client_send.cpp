@@ -29,31 +29,40 @@ bool has_queued(const mqtt_client *client) {
            client->send_tail.load(std::memory_order_relaxed);
 }
 
-enum class queue_result { queued, offline, full, no_memory };
+// Where the next packet's bytes go: behind the last one's, or to the front once the end is too close. There
+// is always room. At most 98 packets of 4096 bytes wait when one comes, and less than one is left unused at
+// the end, of room for 100.
+uint8_t *place_for(client_send_slot *ring, uint8_t head, uint8_t tail, uint32_t len) {
+    uint8_t *const begin = reinterpret_cast<uint8_t *>(ring + k_ring_size);
+    if (head == tail) return begin;
+    const client_send_slot &last = ring[(tail + k_ring_size - 1) % k_ring_size];
+    uint8_t *const next = last.data + last.len;
+    const uint8_t *const end = begin + std::size_t{CLIENT_SEND_MAX} * k_ring_size;
+    const bool wrapped = last.data < ring[head].data;
+    return wrapped || end - next >= static_cast<std::ptrdiff_t>(len) ? next : begin;
+}
+
+enum class queue_result { first, behind_others, offline, full, no_memory };
 
 queue_result enqueue(mqtt_client *client, const uint8_t *data, uint32_t len) {
     std::lock_guard lock(client->send_lock);
     if (!client_is_online(client)) return queue_result::offline;  // closed since the caller looked
     client_send_slot *ring = client->send_ring.load(std::memory_order_relaxed);
     if (ring == nullptr) {
-        ring = static_cast<client_send_slot *>(platform_zero_alloc(sizeof(client_send_slot) * k_ring_size));
+        ring = static_cast<client_send_slot *>(platform_zero_alloc(CLIENT_SEND_RING_BYTES));
         if (ring == nullptr) return queue_result::no_memory;
         client->send_ring.store(ring, std::memory_order_relaxed);
     }
-    uint8_t head = client->send_head.load(std::memory_order_relaxed);
-    uint8_t tail = client->send_tail.load(std::memory_order_relaxed);
+    const uint8_t head = client->send_head.load(std::memory_order_relaxed);
+    const uint8_t tail = client->send_tail.load(std::memory_order_relaxed);
     if (head == next_index(tail)) return queue_result::full;
-    if (head == tail && head != 0) {
-        // An empty ring starts over, so that a quiet client keeps using the same page and not a hundred.
-        head = tail = 0;
-        client->send_head.store(0, std::memory_order_relaxed);
-    }
     client_send_slot &slot = ring[tail];
+    slot.data = place_for(ring, head, tail, len);
     memcpy(slot.data, data, len);
     slot.len = len;
     slot.ready = 1;
     client->send_tail.store(next_index(tail), std::memory_order_relaxed);
-    return queue_result::queued;
+    return head == tail ? queue_result::first : queue_result::behind_others;
 }
 
 bool is_low_latency() {
@@ -145,10 +154,14 @@ int client_send(mqtt_client *client, const uint8_t *data, int len) {
         case queue_result::no_memory:
             mqtt_stats_inc_drop_invalid_param();
             return -1;
-        case queue_result::queued:
+        case queue_result::first:
+            client_mark_queued(client);
+            break;
+        case queue_result::behind_others:
+            // Where packets wait the record is marked, or whoever has just taken the mark will flush it or
+            // mark it again, or its full socket will.
             break;
     }
-    client_mark_queued(client);
     wake_sender();
     mqtt_stats_inc_tx_pkt();
     client_update_active(client);  // also when only the broker talks: such a client is not timed out

@@ -100,15 +100,36 @@ int take_sent(netip_conn &conn, const iovec *packets, std::size_t sent) {
     return taken;
 }
 
-int send_gathered(netip_conn &conn, const iovec *packets, int count) {
-    if (send_unsent(conn) != NETIP_OK) return 0;
+ssize_t send_pieces(int fd, iovec *pieces, std::size_t count) {
+    if (count == 1)
+        return send_bytes(fd, static_cast<const uint8_t *>(pieces[0].iov_base), pieces[0].iov_len);
     msghdr message{};
-    message.msg_iov = const_cast<iovec *>(packets);  // sendmsg changes nothing there
-    message.msg_iovlen = static_cast<std::size_t>(count);
+    message.msg_iov = pieces;
+    message.msg_iovlen = count;
     ssize_t sent;
     do {
-        sent = sendmsg(conn.fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent = sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     } while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
+// Packets that lie one behind the other are one piece to the kernel.
+std::size_t join_neighbours(const iovec *packets, int count, iovec *pieces) {
+    std::size_t last = 0;
+    pieces[0] = packets[0];
+    for (int i = 1; i < count; ++i) {
+        if (static_cast<uint8_t *>(pieces[last].iov_base) + pieces[last].iov_len == packets[i].iov_base)
+            pieces[last].iov_len += packets[i].iov_len;
+        else
+            pieces[++last] = packets[i];
+    }
+    return last + 1;
+}
+
+int send_gathered(netip_conn &conn, const iovec *packets, int count) {
+    if (send_unsent(conn) != NETIP_OK) return 0;
+    iovec pieces[NETIP_MAX_GATHER];
+    const ssize_t sent = send_pieces(conn.fd, pieces, join_neighbours(packets, count, pieces));
     if (sent < 0) (void)send_failed(conn);
     return sent < 1 ? 0 : take_sent(conn, packets, static_cast<std::size_t>(sent));
 }

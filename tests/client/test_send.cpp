@@ -149,19 +149,61 @@ TEST_F(client_send, the_send_thread_delivers_in_order_and_empties_the_ring) {
     EXPECT_TRUE(eventually([&] { return queued(client) == 0; }));
 }
 
-TEST_F(client_send, an_empty_ring_starts_over_at_its_first_slot) {
+TEST_F(client_send, a_client_that_keeps_up_uses_the_same_memory_again) {
     const running_netip net(events);
     tcp_client peer{tcp_client::unconnected()};
     mqtt_client *const client = connect(&peer);
-    for (int i = 0; i < 3; ++i) {
+    for (uint8_t i = 0; i < 3; ++i) {
         ASSERT_EQ(zeb::client_send(client, k_ping, 2), 0);
         {
             std::lock_guard lock(client->send_lock);
-            EXPECT_EQ(client->send_ring.load()[0].len, 2u);
+            const zeb::client_send_slot *ring = client->send_ring.load();
+            EXPECT_EQ(ring[i].data, reinterpret_cast<const uint8_t *>(ring + 100))
+                << "right behind the slots";
         }
         EXPECT_EQ(peer.read(2), (bytes{0xD0, 0}));
         ASSERT_TRUE(eventually([&] { return queued(client) == 0; }));
-        EXPECT_EQ(client->send_tail, 1);
+    }
+}
+
+// As netip_send_packets does, from the front; the packets lie in the ring as place_for has put them.
+std::vector<bytes> take(mqtt_client *client, int count) {
+    std::vector<bytes> out;
+    std::lock_guard lock(client->send_lock);
+    for (; count > 0; --count) {
+        const uint8_t head = client->send_head;
+        const zeb::client_send_slot &slot = client->send_ring.load()[head];
+        out.emplace_back(slot.data, slot.data + slot.len);
+        client->send_head = static_cast<uint8_t>((head + 1) % 100);
+    }
+    return out;
+}
+
+TEST_F(client_send, packets_of_all_sizes_share_the_ring_and_none_touches_another) {
+    zeb::mqtt_stop_send_thread();
+    mqtt_client *const client = create(1);
+    const uint8_t *begin = nullptr;
+    std::vector<bytes> model;
+    uint32_t seed = 1;
+    const auto draw = [&seed](uint32_t below) {
+        return (seed = seed * 1664525u + 1013904223u) / 65536u % below;
+    };
+    for (int step = 0; step < 20000; ++step) {
+        const bool full = model.size() == 99;
+        const uint32_t size = draw(3) == 0 ? 4096 : draw(3) == 0 ? 2 + draw(60) : 2 + draw(4095);
+        const bytes data = packet_of(size, static_cast<uint8_t>(step));
+        ASSERT_EQ(send(client, data), full ? -1 : 0) << step;
+        if (!full) model.push_back(data);
+        if (begin == nullptr) begin = reinterpret_cast<const uint8_t *>(client->send_ring.load() + 100);
+        const zeb::client_send_slot &last = client->send_ring.load()[(client->send_tail + 99) % 100];
+        ASSERT_GE(last.data, begin);
+        ASSERT_LE(last.data + last.len, begin + 4096 * 100);
+        if (!full && draw(2) == 0) continue;
+        const int count = static_cast<int>(draw(full ? 100 : 3));
+        const int taken = std::min(count, static_cast<int>(model.size()));
+        const std::vector<bytes> got = take(client, taken);
+        ASSERT_TRUE(std::equal(got.begin(), got.end(), model.begin())) << step;
+        model.erase(model.begin(), model.begin() + taken);
     }
 }
 
