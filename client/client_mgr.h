@@ -198,6 +198,19 @@ void client_reset_session(persist_session *session);
 
 // Send path.
 int client_send(mqtt_client *client, const uint8_t *data, int len);  // 0 queued, -1 dropped
+// Sends like client_send, one packet after the other, but reads the clock and bumps the shared counters once.
+class client_send_series {
+  public:
+    client_send_series() = default;
+    ~client_send_series();
+    client_send_series(const client_send_series &) = delete;
+    client_send_series &operator=(const client_send_series &) = delete;
+    int send(mqtt_client *client, const uint8_t *data, int len);
+
+  private:
+    uint64_t now_ms_ = 0;
+    uint32_t queued_ = 0;
+};
 void client_send_flush(mqtt_client *client);
 // Hands what the records queue to their sockets. The send thread does so with every beat; in low-latency mode
 // also the I/O threads, each after the packets it has handled. Any thread.

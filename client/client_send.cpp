@@ -132,6 +132,14 @@ void client_socket_writable(netip_handle handle) {
 }
 
 int client_send(mqtt_client *client, const uint8_t *data, int len) {
+    return client_send_series().send(client, data, len);
+}
+
+client_send_series::~client_send_series() {
+    if (queued_ != 0) mqtt_stats_add_tx_pkts(queued_);
+}
+
+int client_send_series::send(mqtt_client *client, const uint8_t *data, int len) {
     if (client == nullptr || data == nullptr || len < 1 || len > CLIENT_SEND_MAX) {
         mqtt_stats_inc_drop_invalid_param();
         return -1;
@@ -163,8 +171,10 @@ int client_send(mqtt_client *client, const uint8_t *data, int len) {
             break;
     }
     wake_sender();
-    mqtt_stats_inc_tx_pkt();
-    client_update_active(client);  // also when only the broker talks: such a client is not timed out
+    if (queued_++ == 0) now_ms_ = platform_mono_ms();
+    // Also when only the broker talks: such a client is not timed out.
+    client->timed_out.store(0, std::memory_order_relaxed);
+    client->last_active.store(now_ms_, std::memory_order_relaxed);
     return 0;
 }
 

@@ -185,9 +185,10 @@ bool has_left(const mqtt_client *client, uint32_t state) {
 
 }  // namespace
 
+// No lock: a record's memory stays, whoever pins it keeps it from changing hands, and what the slot has said
+// is verified only then.
 client_ref client_acquire_by_handle(netip_handle handle) {
-    client_ref held;  // let go after the lock
-    std::lock_guard lock(client_handle_lock(handle));
+    client_ref held;
     mqtt_client *client = g_client_mgr.by_handle[handle % CLIENT_MAX].load(std::memory_order_acquire);
     if (client == nullptr || !client_try_pin(client)) return {};
     held.adopt(client);
@@ -208,7 +209,6 @@ client_ref client_acquire_by_cid(const char *cid, uint32_t hash) {
     if (g_client_options.exact_lookup.load(std::memory_order_relaxed) != 0)
         return client_names_acquire(cid, hash);
     client_ref held;
-    std::lock_guard lock(client_cid_lock(hash));
     mqtt_client *client = g_client_mgr.by_cid[hash % CLIENT_MAX].load(std::memory_order_acquire);
     if (client == nullptr || !client_try_pin(client)) return {};
     held.adopt(client);

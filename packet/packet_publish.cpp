@@ -17,10 +17,11 @@ namespace {
 constexpr uint8_t k_action_publish = 1;
 
 // The answer says only what was queued; a copy that cannot be encoded or queued is lost without a word.
-bool forward(publication_encoder *encoder, mqtt_client *subscriber, uint32_t qos) {
+bool forward(client_send_series *series, publication_encoder *encoder, mqtt_client *subscriber,
+             uint32_t qos) {
     const uint16_t msg_id = qos == 0 ? 0 : packet_new_msg_id();
     if (encoder->encode(subscriber, qos, msg_id) != MQTT_CODEC_OK) return false;
-    if (client_send(subscriber, encoder->data(), encoder->len()) != 0) return false;
+    if (series->send(subscriber, encoder->data(), encoder->len()) != 0) return false;
     const mqtt_publish_para &record = encoder->record();
     if (agent_log_enabled(AGENT_LOG_INFO)) {
         char id[65];
@@ -51,6 +52,7 @@ void fan_out(const mqtt_client *publisher, const mqtt_publish_para &pub, routing
     mqtt_publish_para copy = pub;
     copy.retain = 0;  // forwarded messages never carry it
     publication_encoder encoder(copy);
+    client_send_series series;
     int sent = 0;
     for (int i = 0; i < count; ++i) {
         const sub_route &route = scratch->route(i);
@@ -63,7 +65,7 @@ void fan_out(const mqtt_client *publisher, const mqtt_publish_para &pub, routing
         const uint32_t qos = packet_effective_qos(pub.qos, route.qos);
         const client_ref subscriber = client_acquire_by_cid(route.client_id, route.cid_hash);
         if (subscriber && client_is_online(subscriber.get()))
-            sent += forward(&encoder, subscriber.get(), qos) ? 1 : 0;
+            sent += forward(&series, &encoder, subscriber.get(), qos) ? 1 : 0;
         else
             store_offline(scratch, route.client_id, pub, qos);
     }

@@ -42,10 +42,11 @@ void fill_record(mqtt_publish_para *record, const char *topic, const uint8_t *pa
 
 // Registered whatever became of the sending: a copy that was dropped then comes with the first repetition.
 // Kept. A copy that cannot be encoded could never be repeated either.
-void deliver(publication_encoder *encoder, mqtt_client *subscriber, uint32_t qos) {
+void deliver(client_send_series *series, publication_encoder *encoder, mqtt_client *subscriber,
+             uint32_t qos) {
     const uint16_t msg_id = packet_new_msg_id();  // also for QoS 0
     if (encoder->encode(subscriber, qos, msg_id) != MQTT_CODEC_OK) return;
-    client_send(subscriber, encoder->data(), encoder->len());
+    series->send(subscriber, encoder->data(), encoder->len());
     const mqtt_publish_para &record = encoder->record();
     if (qos != 0)
         qos_reliable_add_packet(subscriber, msg_id, static_cast<uint8_t>(qos), &record, record.payload,
@@ -81,13 +82,14 @@ void packet_handler_broker_publish(const char *topic, const uint8_t *payload, in
     const int count = scratch.match(pub.topic);
     if (count <= 0) return;
     publication_encoder encoder(pub);
+    client_send_series series;
     for (int i = 0; i < count; ++i) {
         const sub_route &route = scratch.route(i);
         if (route.client_id[0] == '\0' || scratch.skipped(i)) continue;
         const uint32_t effective = packet_effective_qos(qos, route.qos);
         const client_ref subscriber = client_acquire_by_cid(route.client_id, route.cid_hash);
         if (subscriber && client_is_online(subscriber.get()))
-            deliver(&encoder, subscriber.get(), effective);
+            deliver(&series, &encoder, subscriber.get(), effective);
         else
             store_offline(&scratch, route.client_id, pub, effective);
     }

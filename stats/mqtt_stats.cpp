@@ -158,7 +158,12 @@ void mqtt_stats_inc_rx_pkt() {
 }
 
 void mqtt_stats_inc_tx_pkt() {
-    add_one(g_mqtt_stats.pkt_tx, g_mqtt_stats.period_pkt_tx);
+    mqtt_stats_add_tx_pkts(1);
+}
+
+void mqtt_stats_add_tx_pkts(uint32_t count) {
+    g_mqtt_stats.pkt_tx.fetch_add(count, std::memory_order_relaxed);
+    g_mqtt_stats.period_pkt_tx.fetch_add(count, std::memory_order_relaxed);
 }
 
 void mqtt_stats_inc_qos(uint8_t qos) {

@@ -58,6 +58,7 @@ int mqtt_stats_to_json(char *buf, int size);  // 0, or -1 for a null buffer or s
 
 void mqtt_stats_inc_rx_pkt();
 void mqtt_stats_inc_tx_pkt();
+void mqtt_stats_add_tx_pkts(uint32_t count);
 void mqtt_stats_inc_qos(uint8_t qos);
 void mqtt_stats_inc_drop_offline();
 void mqtt_stats_inc_drop_queue_full();
