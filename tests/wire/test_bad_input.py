@@ -17,6 +17,7 @@ from slots import names_apart
 STREAM_PACKETS = 180000
 DATAGRAMS = 20000
 NUDGE = "nudge"
+ENOUGH = 20  # messages that the bystanders exchange during any flood
 PACKETS_PER_CONNECTION = 45
 SANITIZED = os.environ.get("ZEB_SANITIZED") == "1"
 # The table of subscriptions may fill, and each connection takes the next slot with a receive buffer of 4 KiB until
@@ -80,11 +81,15 @@ class Bystanders(threading.Thread):
         self.conns[1 - sender].expect(PINGRESP)
         return True
 
+    def is_waited_for(self):
+        """A short flood may be over before they have said much."""
+        return self.exchanged < ENOUGH and self.is_alive()
+
     def finish(self):
         self.ending.set()
         self.join()
         assert self.failure is None, self.failure
-        assert self.exchanged >= 20, self.exchanged
+        assert self.exchanged >= ENOUGH, self.exchanged
         for conn in self.conns:
             conn.ping()
 
@@ -191,7 +196,7 @@ def flood(broker, seed, stream_packets, datagrams):
     udp = DatagramFlood(hostile)
     sent = connections = settled_after = 0
     settled_kib = None
-    while sent < stream_packets:
+    while sent < stream_packets or bystanders.is_waited_for():
         sent += hostile_connection(hostile)
         connections += 1
         udp.send(sent * datagrams // stream_packets - udp.sent)
