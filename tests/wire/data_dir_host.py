@@ -4,11 +4,13 @@ import json
 import os
 import re
 import stat
+import time
 
 from mqtt_wire import CONNACK, DISCONNECT, Conn, ack, connect, publish, suback, subscribe
 
 CONNACK_PRESENT = b"\x20\x02\x01\x00"
 LINE = re.compile(r"^\[[\d-]{10} [\d:.]{12}\] \[(\w+)\] (.*)$")
+LINE_S = 3.0
 KINDS = ("session", "subscription", "message")
 BAIT = '{"subs":[{"topic":"bait/#","qos":1}]}'
 DATA = "tree/data"  # as the broker is told; what lies beside it in the tree is none of its business
@@ -38,9 +40,18 @@ class Host:
         """The line comes once `again` has run. The log drops a line when two threads meet, so it may run again."""
         for _ in range(5):
             again()
-            if (level, text) in self.log():
+            if self.appears((level, text)):
                 return
         raise AssertionError("no line [%s] %s\nactual: %s" % (level, text, self.log()))
+
+    def appears(self, line):
+        """Lines take a moment through the pipe: an answer of the broker may be here before them."""
+        deadline = time.monotonic() + LINE_S
+        while line not in self.log():
+            if time.monotonic() > deadline:
+                return False
+            time.sleep(0.01)
+        return True
 
     def client(self, client_id, clean=True, answer=CONNACK, **options):
         conn = Conn()
