@@ -16,6 +16,7 @@ pthread_t g_send_thread;
 namespace {
 
 constexpr uint64_t k_send_poll_us = 10000;
+constexpr uint64_t k_send_rest_us = 9000;
 platform_alarm s_send_alarm;  // rung in low-latency mode only
 constexpr uint8_t k_ring_size = CLIENT_SEND_RING_SIZE;
 static_assert(k_ring_size <= NETIP_MAX_GATHER, "a whole ring goes out in one call");
@@ -209,12 +210,14 @@ void client_enter_closing(mqtt_client *client) {
 
 void *send_thread_proc(void *) {
     ZEB_LOG(AGENT_LOG_INFO, "[SEND_THREAD] 发送线程启动");
+    // Exact, because it is the length of a beat that bounds what a client can be sent: 99 packets in each.
+    platform_beat beat(k_send_poll_us, k_send_rest_us);
     while (g_send_running.load(std::memory_order_relaxed)) {
         client_flush_queued();
         if (is_low_latency())
             s_send_alarm.sleep_us(k_send_poll_us);
         else
-            platform_sleep_us(k_send_poll_us);
+            beat.wait();
     }
     ZEB_LOG(AGENT_LOG_INFO, "[SEND_THREAD] 发送线程退出");
     return nullptr;

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -11,8 +12,6 @@
 namespace zeb {
 
 namespace {
-
-constexpr long k_ns_per_s = 1000000000;
 
 std::atomic<const platform_clock *> g_clock{nullptr};
 
@@ -28,16 +27,16 @@ uint64_t real_wall_ms() {
     return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_usec) / 1000u;
 }
 
-// Sleeps up to an instant, not for a while: what handling a signal takes must not make the sleep longer.
-void real_sleep_us(uint64_t us) {
-    timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += static_cast<time_t>(us / 1000000u);
-    until.tv_nsec += static_cast<long>(us % 1000000u) * 1000L;
-    if (until.tv_nsec >= k_ns_per_s) {
-        until.tv_nsec -= k_ns_per_s;
-        ++until.tv_sec;
-    }
+uint64_t real_mono_us() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+}
+
+// Up to an instant, not for a while: what handling a signal takes must not make the sleep longer.
+void real_sleep_until(uint64_t mono_us) {
+    const timespec until{static_cast<time_t>(mono_us / 1000000u),
+                         static_cast<long>(mono_us % 1000000u) * 1000L};
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
 }
@@ -67,7 +66,19 @@ void platform_sleep_us(uint64_t us) {
     if (clock != nullptr && clock->sleep_us != nullptr)
         clock->sleep_us(us);
     else
-        real_sleep_us(us);
+        real_sleep_until(real_mono_us() + us);
+}
+
+void platform_beat::wait() {
+    const platform_clock *clock = g_clock.load(std::memory_order_acquire);
+    if (clock != nullptr && clock->sleep_us != nullptr) {
+        clock->sleep_us(period_us_);
+        return;
+    }
+    const uint64_t now_us = real_mono_us();
+    if (due_us_ == 0) due_us_ = now_us;
+    due_us_ = std::max(due_us_ + period_us_, now_us + least_rest_us_);
+    real_sleep_until(due_us_);
 }
 
 void platform_alarm::ring() {

@@ -24,6 +24,21 @@ uint64_t platform_wall_ms();
 int64_t platform_wall_sec();  // platform_wall_ms() / 1000
 void platform_sleep_us(uint64_t us);
 
+// Paces a loop: wait() sleeps until a period after the last one was due to end, so that neither a short
+// round's work nor a late wake-up stretches the beat; but never less than the least rest, or a loop whose
+// work takes longer than its period would take a core. A replaced clock sleeps the whole period. One thread.
+class platform_beat {
+  public:
+    platform_beat(uint64_t period_us, uint64_t least_rest_us)
+        : period_us_(period_us), least_rest_us_(least_rest_us) {}
+    void wait();
+
+  private:
+    uint64_t period_us_;
+    uint64_t least_rest_us_;
+    uint64_t due_us_ = 0;  // 0: not begun
+};
+
 // A sleep that another thread can end. A replaced clock's sleep is not cut short.
 class platform_alarm {
   public:

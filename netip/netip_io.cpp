@@ -34,17 +34,20 @@ constexpr int k_datagrams = 16;        // a flood of datagrams leaves the stream
 
 thread_local bool t_io_thread = false;
 
-void take_datagrams(uint32_t *packets) {
-    for (int i = 0; i < k_datagrams && netip_udp_take(); ++i) ++*packets;
-}
+// What one wait has brought.
+struct round {
+    uint32_t packets = 0;  // handled since the last batch ended
+    bool streams = false;  // there was an event of another kind than a datagram's
+    bool datagrams = false;
+};
 
-// *packets grows by those that the event has brought.
-void handle_event(const epoll_event &event, uint32_t *packets) {
-    if (event.data.u64 == NETIP_EPOLL_LISTEN || event.data.u64 == NETIP_EPOLL_WAKE) return;
+void handle_event(const epoll_event &event, round *now) {
     if (event.data.u64 == NETIP_EPOLL_DATAGRAM) {
-        take_datagrams(packets);
+        now->datagrams = true;
         return;
     }
+    now->streams = true;
+    if (event.data.u64 == NETIP_EPOLL_LISTEN || event.data.u64 == NETIP_EPOLL_WAKE) return;
     netip_conn &conn = g_netip_clients[static_cast<uint32_t>(event.data.u64) - 1];
     const uint32_t generation = static_cast<uint32_t>(event.data.u64 >> 32);
     if (!netip_pin(conn, generation)) return;
@@ -52,7 +55,8 @@ void handle_event(const epoll_event &event, uint32_t *packets) {
     if (!ended && (event.events & EPOLLOUT) != 0 && netip_output_ready(conn, generation) &&
         g_netip_hooks != nullptr)
         g_netip_hooks->writable(netip_index(conn));
-    if (!ended && (event.events & EPOLLIN) != 0) ended = netip_read_connection(conn, generation, packets);
+    if (!ended && (event.events & EPOLLIN) != 0)
+        ended = netip_read_connection(conn, generation, &now->packets);
     if (ended) netip_close_by_peer(conn, generation);
     netip_unpin(conn);
 }
@@ -70,17 +74,30 @@ int wait_for_events(const io_worker &worker) {
     return 0;
 }
 
-// Checked for each event: a batch of busy connections can take long, and netip_deinit waits for us.
+// With hooks as they come. Without, one after each round of stream events; a look that would find nothing is
+// spared. When nobody tells us of datagrams, each such round looks.
+void take_datagrams(const round &now) {
+    thread_local bool t_more = false;
+    if (g_netip_hooks != nullptr && g_netip_udp_watched) {
+        for (int i = 0; now.datagrams && i < k_datagrams && netip_udp_take(); ++i) {
+        }
+        return;
+    }
+    t_more = t_more || now.datagrams || !g_netip_udp_watched;
+    if (now.streams && t_more) t_more = netip_udp_take();
+}
+
 void handle_round(const io_worker &worker, int count) {
-    uint32_t packets = 0;
+    round now;
+    // Checked for each event: a batch of busy connections can take long, and netip_deinit waits for us.
     for (int i = 0; i < count && g_netip_running.load(std::memory_order_relaxed) != 0; ++i) {
-        handle_event(worker.events[i], &packets);
-        if (g_netip_hooks != nullptr && packets >= k_fair_batch) {
+        handle_event(worker.events[i], &now);
+        if (g_netip_hooks != nullptr && now.packets >= k_fair_batch) {
             g_netip_hooks->batch_end();
-            packets = 0;
+            now.packets = 0;
         }
     }
-    if (worker.index == 0 && g_netip_udp >= 0 && !g_netip_udp_watched) netip_udp_recv();
+    if (worker.index == 0 && g_netip_udp >= 0) take_datagrams(now);
     if (g_netip_hooks != nullptr) g_netip_hooks->batch_end();
 }
 
