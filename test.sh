@@ -9,7 +9,7 @@ usage() {
 usage: ./test.sh [--fast | --preset NAME | --thorough | --coverage | --lint]
 
 Installs what is missing (Debian 12), builds and tests:
-  release  all tests: unit, wire, interop, crash, console, package, model, soak, valgrind
+  release  all tests: unit, wire, interop, crash, console, package, model, soak, valgrind, bench
   asan     unit and wire tests under AddressSanitizer and UndefinedBehaviorSanitizer
   fuzz     each fuzzer on its known inputs and for 20 s (fuzz/run.sh runs them longer)
   tsan     concurrency tests under ThreadSanitizer
@@ -63,7 +63,7 @@ done
 
 # shellcheck source=scripts/packages.sh
 . scripts/packages.sh
-install_packages "${build_packages[@]}" "${test_packages[@]}" "${test_commands[@]}" ${extra_packages[@]+"${extra_packages[@]}"}
+install_packages "${build_packages[@]}" "${test_packages[@]}" "${bench_packages[@]}" "${test_commands[@]}" ${extra_packages[@]+"${extra_packages[@]}"}
 [[ " ${presets[*]} " != *" fuzz "* ]] || install_packages "${fuzz_packages[@]}"
 
 # The one client that Debian does not package. It is installed again only when the lock file changes.
@@ -93,11 +93,17 @@ if [[ -n $thorough ]]; then
     export ZEB_CRASH_KILLS=500 ZEB_STORM_SECONDS=60 ZEB_SOAK_SECONDS=600 ZEB_MODEL_SCENARIOS=20000
 fi
 
+# The benchmarks are built and tried once, with the build that they would measure.
+bench_of() {
+    [[ $1 == release ]] && echo ON || echo OFF
+}
+
 # build_and_test <preset> <target> <label filter of ctest>...
 build_and_test() {
     local preset=$1 target=$2
     shift 2
-    cmake --preset "$preset" -DZEB_BUILD_TESTS=ON ${launcher[@]+"${launcher[@]}"} >/dev/null
+    cmake --preset "$preset" -DZEB_BUILD_TESTS=ON -DZEB_BUILD_BENCH="$(bench_of "$preset")" \
+        ${launcher[@]+"${launcher[@]}"} >/dev/null
     cmake --build --preset "$preset" -j "$jobs" --target "$target"
     ctest --test-dir "build/$preset" -j "$test_jobs" --output-on-failure --no-tests=error "$@"
 }

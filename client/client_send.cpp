@@ -172,7 +172,7 @@ int client_send_series::send(mqtt_client *client, const uint8_t *data, int len) 
             break;
     }
     wake_sender();
-    if (queued_++ == 0) now_ms_ = platform_mono_ms();
+    if (queued_++ == 0) now_ms_ = platform_mono_coarse_ms();
     // Also when only the broker talks: such a client is not timed out.
     client->timed_out.store(0, std::memory_order_relaxed);
     client->last_active.store(now_ms_, std::memory_order_relaxed);

@@ -245,7 +245,7 @@ void client_forget_cid(mqtt_client *client) {
 void client_update_active(mqtt_client *client) {
     if (client == nullptr || client->state.load(std::memory_order_relaxed) == CLOSED) return;
     client->timed_out.store(0, std::memory_order_relaxed);
-    client->last_active.store(platform_mono_ms(), std::memory_order_relaxed);
+    client->last_active.store(platform_mono_coarse_ms(), std::memory_order_relaxed);
 }
 
 int client_get_connected_count() {

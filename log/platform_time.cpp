@@ -15,9 +15,9 @@ namespace {
 
 std::atomic<const platform_clock *> g_clock{nullptr};
 
-uint64_t real_mono_ms() {
+uint64_t read_ms(clockid_t id) {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(id, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
 }
 
@@ -49,7 +49,12 @@ void platform_set_clock(const platform_clock *clock) {
 
 uint64_t platform_mono_ms() {
     const platform_clock *clock = g_clock.load(std::memory_order_acquire);
-    return clock != nullptr && clock->mono_ms != nullptr ? clock->mono_ms() : real_mono_ms();
+    return clock != nullptr && clock->mono_ms != nullptr ? clock->mono_ms() : read_ms(CLOCK_MONOTONIC);
+}
+
+uint64_t platform_mono_coarse_ms() {
+    const platform_clock *clock = g_clock.load(std::memory_order_acquire);
+    return clock != nullptr && clock->mono_ms != nullptr ? clock->mono_ms() : read_ms(CLOCK_MONOTONIC_COARSE);
 }
 
 uint64_t platform_wall_ms() {

@@ -20,6 +20,8 @@ struct platform_clock {
 void platform_set_clock(const platform_clock *clock);
 
 uint64_t platform_mono_ms();
+// May lag some milliseconds behind, and costs a fraction: for stamps that each packet leaves.
+uint64_t platform_mono_coarse_ms();
 uint64_t platform_wall_ms();
 int64_t platform_wall_sec();  // platform_wall_ms() / 1000
 void platform_sleep_us(uint64_t us);

@@ -176,6 +176,50 @@ TEST(platform_thread, a_name_that_is_too_long_does_not_keep_the_thread_from_runn
     EXPECT_EQ(seen.answer, 42);
 }
 
+TEST(platform_clock, the_coarse_clock_lags_the_exact_one_a_little_at_most) {
+    for (int i = 0; i < 1000; ++i) {
+        const uint64_t before = platform_mono_ms();
+        const uint64_t coarse = platform_mono_coarse_ms();
+        ASSERT_LE(coarse, platform_mono_ms());
+        ASSERT_GE(coarse + 100, before) << "a tick is 10 ms at most";
+    }
+}
+
+std::atomic<uint64_t> s_slept_us{0};
+constexpr platform_clock k_counting_clock{[] { return uint64_t{4711}; }, nullptr,
+                                          [](uint64_t us) { s_slept_us.fetch_add(us); }};
+
+TEST(platform_clock, a_replaced_clock_is_the_coarse_one_too) {
+    platform_set_clock(&k_counting_clock);
+    EXPECT_EQ(platform_mono_coarse_ms(), 4711u);
+    platform_set_clock(nullptr);
+}
+
+TEST(platform_beat, a_replaced_clock_sleeps_the_whole_period) {
+    platform_set_clock(&k_counting_clock);
+    s_slept_us = 0;
+    platform_beat beat(10000, 9000);
+    for (int i = 0; i < 3; ++i) beat.wait();
+    platform_set_clock(nullptr);
+    EXPECT_EQ(s_slept_us.load(), 30000u);
+}
+
+// Lower bounds only: how late a sleeper wakes is the machine's affair.
+TEST(platform_beat, beats_are_never_shorter_than_their_period) {
+    platform_beat beat(5000, 1000);
+    beat.wait();
+    const uint64_t before = platform_mono_ms();
+    for (int i = 0; i < 10; ++i) beat.wait();
+    EXPECT_GE(platform_mono_ms() - before + 5, 45u);
+}
+
+TEST(platform_beat, work_that_takes_longer_than_a_period_leaves_the_least_rest) {
+    platform_beat beat(1000, 20000);
+    const uint64_t before = platform_mono_ms();
+    for (int i = 0; i < 3; ++i) beat.wait();
+    EXPECT_GE(platform_mono_ms() - before, 59u);
+}
+
 constexpr uint64_t k_hour_us = 3600000000;
 
 TEST(platform_alarm, a_ring_ends_the_sleep) {
