@@ -207,10 +207,9 @@ TEST(platform_beat, a_replaced_clock_sleeps_the_whole_period) {
 // Lower bounds only: how late a sleeper wakes is the machine's affair.
 TEST(platform_beat, beats_are_never_shorter_than_their_period) {
     platform_beat beat(5000, 1000);
-    beat.wait();
     const uint64_t before = platform_mono_ms();
     for (int i = 0; i < 10; ++i) beat.wait();
-    EXPECT_GE(platform_mono_ms() - before + 5, 45u);
+    EXPECT_GE(platform_mono_ms() - before, 49u) << "a late wake-up is made good, never more";
 }
 
 TEST(platform_beat, work_that_takes_longer_than_a_period_leaves_the_least_rest) {
