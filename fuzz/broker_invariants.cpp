@@ -29,6 +29,12 @@ void check_reachable(mqtt_client *client) {
     if (client->client_id[0] == '\0') return;
     const uint32_t hash = client_cid_hash(client->client_id);
     FUZZ_CHECK(client->cid_hash.load() == hash);
+    if (g_client_options.exact_lookup.load() != 0) {
+        const mqtt_client *found = client_find_by_cid(client->client_id);
+        FUZZ_CHECK(found != nullptr && client_is_online(found));
+        FUZZ_CHECK(std::strcmp(found->client_id, client->client_id) == 0);
+        return;
+    }
     const uint32_t slot = hash % CLIENT_MAX;
     if (g_client_mgr.by_cid[slot].load() == client) {
         FUZZ_CHECK(client_find_by_cid(client->client_id) == client);
@@ -47,13 +53,29 @@ void check_closing(const mqtt_client *client) {
     FUZZ_CHECK(seen->second == ring);
 }
 
+// What waits is marked for the next pass, unless a full socket has to say first that it takes bytes again.
+bool will_be_sent(const mqtt_client *client) {
+    const int block = client->pool_index / CLIENT_POOL_SIZE;
+    const int i = client->pool_index % CLIENT_POOL_SIZE;
+    const bool marked = (g_client_mgr.blocks[block].queued[i / 64].load() >> (i % 64) & 1) != 0 &&
+                        (g_client_mgr.queued_blocks[block / 64].load() >> (block % 64) & 1) != 0;
+    const bool blocked = netip_send_blocked(client->handle.load());
+    return marked || (g_client_options.low_latency.load() != 0 && blocked);
+}
+
 void check_ring(const mqtt_client *client) {
     const client_send_slot *ring = client->send_ring.load();
     uint8_t at = client->send_head.load();
     const uint8_t end = client->send_tail.load();
     FUZZ_CHECK(at < CLIENT_SEND_RING_SIZE && end < CLIENT_SEND_RING_SIZE && (ring != nullptr || at == end));
-    for (; at != end; at = static_cast<uint8_t>((at + 1) % CLIENT_SEND_RING_SIZE))
+    if (at == end) return;
+    if (client_is_online(client)) FUZZ_CHECK(will_be_sent(client));
+    const auto *begin = reinterpret_cast<const uint8_t *>(ring + CLIENT_SEND_RING_SIZE);
+    for (; at != end; at = static_cast<uint8_t>((at + 1) % CLIENT_SEND_RING_SIZE)) {
         FUZZ_CHECK(ring[at].ready == 1 && ring[at].len >= 2 && ring[at].len <= CLIENT_SEND_MAX);
+        FUZZ_CHECK(ring[at].data >= begin);
+        FUZZ_CHECK(ring[at].data + ring[at].len <= begin + CLIENT_SEND_MAX * CLIENT_SEND_RING_SIZE);
+    }
 }
 
 void check_tables() {

@@ -122,7 +122,7 @@ void peer::bring(const std::vector<uint8_t> &packet) {
 void peer::on_event(uint32_t events) {
     netip_conn &conn = g_netip_clients[handle_];
     if (!netip_pin(conn, generation_)) return;
-    if ((events & EPOLLOUT) != 0) netip_output_ready(conn, generation_);
+    if ((events & EPOLLOUT) != 0 && netip_output_ready(conn, generation_)) client_socket_writable(handle_);
     if ((events & (EPOLLHUP | EPOLLERR)) != 0) netip_close_by_peer(conn, generation_);
     netip_unpin(conn);
 }
@@ -208,14 +208,16 @@ void start_broker() {
     mqtt_stats_init();
 }
 
-void begin_world(bool with_store, bool require_connect, bool level_by_connect) {
+void begin_world(const world_options &options) {
     fuzz_clock::reset();
-    g_packet_options.require_connect.store(require_connect ? 1 : 0);
-    g_packet_options.level_by_connect.store(level_by_connect ? 1 : 0);
+    g_packet_options.require_connect.store(options.require_connect ? 1 : 0);
+    g_packet_options.level_by_connect.store(options.level_by_connect ? 1 : 0);
+    g_client_options.low_latency.store(options.low_latency ? 1 : 0);
+    g_client_options.exact_lookup.store(options.exact_lookup ? 1 : 0);
     g_rr_counter.store(0);
     msgid_seed = 1;
     g_last_handle = 0;
-    g_root = fuzz_directory() + (with_store ? "/store" : "/absent/store");
+    g_root = fuzz_directory() + (options.with_store ? "/store" : "/absent/store");
     start_persistence();
 }
 
@@ -266,9 +268,7 @@ void restart_world() {
 }
 
 void flush_rings() {
-    for_each_record([](mqtt_client *client) {
-        if (client_is_online(client) && !netip_send_blocked(client->handle.load())) client_send_flush(client);
-    });
+    client_flush_queued();
 }
 
 void poll_sockets() {

@@ -78,8 +78,16 @@ broker_world &world();
 
 // Once for the process.
 void start_broker();
-// An empty broker. Without a store every write and every read of a client's files fails.
-void begin_world(bool with_store, bool require_connect, bool level_by_connect);
+struct world_options {
+    bool with_store = true;  // without one every write and every read of a client's files fails
+    bool require_connect = false;
+    bool level_by_connect = false;
+    bool low_latency = false;
+    bool exact_lookup = false;
+};
+
+// An empty broker.
+void begin_world(const world_options &options);
 // Ends all connections, lets all time pass and checks that nothing is left of anybody.
 void end_world();
 // Ends all connections and starts again with what is stored.

@@ -301,7 +301,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint8_t header = in.u8();
     // Lines of all levels are put together, and go nowhere.
     agent_log_set_level(header & 8 ? AGENT_LOG_DEBUG : AGENT_LOG_FATAL);
-    begin_world((header & 4) == 0, (header & 1) != 0, (header & 2) != 0);
+    begin_world({.with_store = (header & 4) == 0,
+                 .require_connect = (header & 1) != 0,
+                 .level_by_connect = (header & 2) != 0,
+                 .low_latency = (header & 16) != 0,
+                 .exact_lookup = (header & 32) != 0});
     for (int i = 0; i < k_steps_max && !in.empty(); ++i) {
         step(&in);
         check_world();

@@ -124,7 +124,8 @@ class connection {
   private:
     void on_input() {
         if (!netip_pin(*conn_, generation_)) return;
-        if (netip_read_connection(*conn_, generation_)) netip_close_by_peer(*conn_, generation_);
+        uint32_t packets = 0;
+        if (netip_read_connection(*conn_, generation_, &packets)) netip_close_by_peer(*conn_, generation_);
         netip_unpin(*conn_);
     }
 

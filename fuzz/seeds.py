@@ -283,7 +283,7 @@ def connection_scripts(header):
 
 
 def connections_seeds():
-    for header in (0, 1, 2, 3, 4, 8):
+    for header in (0, 1, 2, 3, 4, 8, 16, 32, 48, 51):
         scripts = [script.raw for script in connection_scripts(header)]
         yield from scripts
         # Long lives, in which one script finds what another has left.

@@ -132,8 +132,13 @@ void live(unsigned number, std::mt19937 *random) {
     }
 }
 
-TEST(sdk_threads, every_function_is_safe_from_any_thread_while_clients_come_and_go) {
-    broker b(100);
+void storm(const std::vector<mqtt_broker_option> &options) {
+    g_done = false;
+    g_calls = g_told = g_kicked = g_mixed = 0;
+    broker b;
+    for (const mqtt_broker_option option : options)
+        ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), option, 1), 0);
+    ASSERT_EQ(b.start(100), 0);
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < k_applications; ++i)
         threads.emplace_back([&b, i] {
@@ -161,6 +166,14 @@ TEST(sdk_threads, every_function_is_safe_from_any_thread_while_clients_come_and_
     zeb_sdk_mqtt_broker_register_acl_callback(b.get(), nullptr);
     EXPECT_TRUE(zeb_test::eventually([&] { return b.online() == 0; }));
     EXPECT_TRUE(mqtt_peer("after").is_served());
+}
+
+TEST(sdk_threads, every_function_is_safe_from_any_thread_while_clients_come_and_go) {
+    storm({});
+}
+
+TEST(sdk_threads, so_it_is_with_low_latency_and_exact_lookup) {
+    storm({MQTT_BROKER_OPTION_LOW_LATENCY, MQTT_BROKER_OPTION_EXACT_LOOKUP});
 }
 
 }  // namespace
