@@ -65,10 +65,12 @@ void close_connection(const mqtt_client *client) {
 // handler having looked at the subscriptions: those of a clean session go with their client, unless a newer
 // connection carries the same identifier.
 void leave(mqtt_client *client, const char *id, bool was_logined) {
+    // Asked while the client is still the one that its identifier stands for, if it is: what is the
+    // identifier's goes with the newest connection, also when an older one lives on.
+    const bool succeeded = has_successor(client, id);
     client_enter_closing(client);
     qos_reliable_drop_client(
         client);  // a delayed will may keep the record for long, and nothing more is sent
-    const bool succeeded = has_successor(client, id);
     client_forget_cid(client);
     if (was_logined && client->clean_session.load(std::memory_order_relaxed) != 0 &&
         client->subs_settled.exchange(1, std::memory_order_relaxed) == 0 && !succeeded)

@@ -8,8 +8,9 @@
 
 // What the client manager's own files share.
 //
-// Lock order: a striped lock (g_client_mgr.locks), the pool lock and a record's send_lock are leaves towards
-// each other: nobody holds two of them. session_lock may be held while the record's will_lock is taken or its
+// Lock order: a striped lock (g_client_mgr.locks), the pool lock, the lock of the exact index and a record's
+// send_lock are leaves towards each other: nobody holds two of them. The network layer's slot lock is taken
+// under send_lock. session_lock may be held while the record's will_lock is taken or its
 // files are read and written, never the other way round. A record's id_lock is the innermost: it may be taken
 // under any of them. The QoS list's mutex may be held while send_lock is taken, never the other way round.
 namespace zeb {

@@ -93,6 +93,7 @@ struct mqtt_client {
     int32_t inflight;                   // nodes of the record in the QoS list; guarded by g_queue_mutex
     mqtt_client *next_named;            // the exact index of names, and whether the record is in it
     uint8_t named;
+    std::atomic<uint64_t> full_ms;  // when its ring and its socket were last found full; monotonic, coarse
 };
 
 struct client_pool_block {
@@ -117,7 +118,8 @@ struct client_manager {
     std::atomic<uint64_t> queued_blocks[2];  // private: a bit per block in which a record's queued bit is set
 };
 
-// Beyond the fixed behaviour, off unless the embedding program asks. Read relaxed; written before a start.
+// Beyond the fixed behaviour, off unless the embedding program asks. Relaxed; written while nobody is
+// connected.
 struct client_options {
     std::atomic<uint8_t> exact_lookup{0};  // identifiers are looked up in the exact index, not in by_cid
     std::atomic<uint8_t> low_latency{0};   // packets leave at once and not with the send thread's next beat
@@ -198,7 +200,7 @@ void client_reset_session(persist_session *session);
 
 // Send path.
 int client_send(mqtt_client *client, const uint8_t *data, int len);  // 0 queued, -1 dropped
-// Sends like client_send, one packet after the other, but reads the clock and bumps the shared counters once.
+// Sends like client_send, one packet after the other, but bumps the shared counters once.
 class client_send_series {
   public:
     client_send_series() = default;
@@ -208,7 +210,6 @@ class client_send_series {
     int send(mqtt_client *client, const uint8_t *data, int len);
 
   private:
-    uint64_t now_ms_ = 0;
     uint32_t queued_ = 0;
 };
 void client_send_flush(mqtt_client *client);

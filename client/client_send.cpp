@@ -43,8 +43,49 @@ uint8_t *place_for(client_send_slot *ring, uint8_t head, uint8_t tail, uint32_t 
     return wrapped || end - next >= static_cast<std::ptrdiff_t>(len) ? next : begin;
 }
 
-enum class queue_result { first, behind_others, offline, full, no_memory };
+bool is_low_latency() {
+    return g_client_options.low_latency.load(std::memory_order_relaxed) != 0;
+}
 
+// With send_lock held. True when packets are left.
+bool flush_ring(mqtt_client *client) {
+    // Not in CLOSING either: from there on the handle may belong to another connection.
+    if (!client_is_online(client) || client->in_use.load(std::memory_order_relaxed) == 0) return false;
+    client_send_slot *ring = client->send_ring.load(std::memory_order_relaxed);
+    if (ring == nullptr) return false;
+    uint8_t head = client->send_head.load(std::memory_order_relaxed);
+    const uint8_t tail = client->send_tail.load(std::memory_order_relaxed);
+    iovec packets[k_ring_size];
+    int count = 0;
+    for (uint8_t i = head; i != tail && ring[i].ready != 0; i = next_index(i))
+        packets[count++] = {ring[i].data, ring[i].len};
+    if (count == 0) return false;
+    const int taken = netip_send_packets(client->handle.load(std::memory_order_relaxed), packets, count);
+    for (int i = 0; i < taken; ++i) {
+        ring[head].ready = 0;
+        head = next_index(head);
+    }
+    client->send_head.store(head, std::memory_order_relaxed);
+    return head != tail;
+}
+
+// With send_lock held, in low-latency mode, when the ring is full: whether it has room now. A socket that was
+// found full is asked again once in a tick of the coarse clock and not for each packet, or a thousand peers
+// that do not read would cost each publication a thousand system calls.
+bool make_room(mqtt_client *client) {
+    const uint64_t now = platform_mono_coarse_ms();
+    const netip_handle handle = client->handle.load(std::memory_order_relaxed);
+    if (netip_send_blocked(handle) && client->full_ms.load(std::memory_order_relaxed) == now) return false;
+    const uint8_t before = client->send_head.load(std::memory_order_relaxed);
+    (void)flush_ring(client);
+    if (client->send_head.load(std::memory_order_relaxed) != before) return true;
+    client->full_ms.store(now, std::memory_order_relaxed);
+    return false;
+}
+
+enum class queue_result { to_be_marked, behind_others, offline, full, no_memory };
+
+// A packet that finds the ring full is given up; in low-latency mode only when the socket is full as well.
 queue_result enqueue(mqtt_client *client, const uint8_t *data, uint32_t len) {
     std::lock_guard lock(client->send_lock);
     if (!client_is_online(client)) return queue_result::offline;  // closed since the caller looked
@@ -54,50 +95,46 @@ queue_result enqueue(mqtt_client *client, const uint8_t *data, uint32_t len) {
         if (ring == nullptr) return queue_result::no_memory;
         client->send_ring.store(ring, std::memory_order_relaxed);
     }
-    const uint8_t head = client->send_head.load(std::memory_order_relaxed);
     const uint8_t tail = client->send_tail.load(std::memory_order_relaxed);
-    if (head == next_index(tail)) return queue_result::full;
+    const bool full = client->send_head.load(std::memory_order_relaxed) == next_index(tail);
+    if (full && !(is_low_latency() && make_room(client))) return queue_result::full;
+    const uint8_t head = client->send_head.load(std::memory_order_relaxed);
     client_send_slot &slot = ring[tail];
     slot.data = place_for(ring, head, tail, len);
     memcpy(slot.data, data, len);
     slot.len = len;
     slot.ready = 1;
     client->send_tail.store(next_index(tail), std::memory_order_relaxed);
-    return head == tail ? queue_result::first : queue_result::behind_others;
+    // Whoever took the mark may have seen the ring that make_room has emptied.
+    return head == tail || full ? queue_result::to_be_marked : queue_result::behind_others;
 }
 
-bool is_low_latency() {
-    return g_client_options.low_latency.load(std::memory_order_relaxed) != 0;
-}
-
-void flush_record(mqtt_client *client) {
-    if (!client_is_online(client)) return;
+// Whether packets are left that a later pass has to look at.
+bool flush_record(mqtt_client *client) {
+    if (!client_is_online(client)) return false;
     const netip_handle handle = client->handle.load(std::memory_order_relaxed);
-    // A peer that stopped reading costs one look a beat, no system call.
-    if (!netip_send_blocked(handle)) client_send_flush(client);
-    if (!has_queued(client)) return;
-    // In low-latency mode passes are frequent, and the socket itself will say when it takes bytes again.
-    if (is_low_latency() && netip_send_blocked(handle)) return;
-    client_mark_queued(client);
+    // A peer that stopped reading costs one look a beat, no system call. In low-latency mode passes are
+    // frequent, and the socket itself will say when it takes bytes again.
+    if (netip_send_blocked(handle)) return !is_low_latency() && has_queued(client);
+    {
+        std::lock_guard lock(client->send_lock);
+        if (!flush_ring(client)) return false;
+    }
+    return !(is_low_latency() && netip_send_blocked(handle));
 }
 
 void flush_block(client_pool_block &block, int word) {
     if (block.queued[word].load() == 0) return;
     uint64_t bits = block.queued[word].exchange(0);
-    for (; bits != 0; bits &= bits - 1) flush_record(&block.records[word * 64 + __builtin_ctzll(bits)]);
+    for (; bits != 0; bits &= bits - 1) {
+        mqtt_client *client = &block.records[word * 64 + __builtin_ctzll(bits)];
+        if (flush_record(client)) client_mark_queued(client);
+    }
 }
 
 // The I/O threads send themselves what the packets they handle have queued.
 void wake_sender() {
     if (is_low_latency() && !netip_on_io_thread()) s_send_alarm.ring();
-}
-
-// A packet that finds the ring full is given up. In low-latency mode only when the socket is full as well.
-queue_result enqueue_or_flush(mqtt_client *client, const uint8_t *data, uint32_t len) {
-    queue_result result = enqueue(client, data, len);
-    if (result != queue_result::full || !is_low_latency()) return result;
-    client_send_flush(client);
-    return enqueue(client, data, len);
 }
 
 }  // namespace
@@ -153,7 +190,7 @@ int client_send_series::send(mqtt_client *client, const uint8_t *data, int len) 
         mqtt_stats_inc_drop_too_big();
         return -1;
     }
-    switch (enqueue_or_flush(client, data, static_cast<uint32_t>(len))) {
+    switch (enqueue(client, data, static_cast<uint32_t>(len))) {
         case queue_result::offline:
             mqtt_stats_inc_drop_offline();
             return -1;
@@ -163,7 +200,7 @@ int client_send_series::send(mqtt_client *client, const uint8_t *data, int len) 
         case queue_result::no_memory:
             mqtt_stats_inc_drop_invalid_param();
             return -1;
-        case queue_result::first:
+        case queue_result::to_be_marked:
             client_mark_queued(client);
             break;
         case queue_result::behind_others:
@@ -172,10 +209,8 @@ int client_send_series::send(mqtt_client *client, const uint8_t *data, int len) 
             break;
     }
     wake_sender();
-    if (queued_++ == 0) now_ms_ = platform_mono_coarse_ms();
-    // Also when only the broker talks: such a client is not timed out.
-    client->timed_out.store(0, std::memory_order_relaxed);
-    client->last_active.store(now_ms_, std::memory_order_relaxed);
+    ++queued_;
+    client_update_active(client);  // also when only the broker talks: such a client is not timed out
     return 0;
 }
 
@@ -184,23 +219,7 @@ void client_send_flush(mqtt_client *client) {
         client->in_use.load(std::memory_order_relaxed) == 0)
         return;
     std::lock_guard lock(client->send_lock);
-    // Not in CLOSING either: from there on the handle may belong to another connection.
-    if (!client_is_online(client) || client->in_use.load(std::memory_order_relaxed) == 0) return;
-    client_send_slot *ring = client->send_ring.load(std::memory_order_relaxed);
-    if (ring == nullptr) return;
-    uint8_t head = client->send_head.load(std::memory_order_relaxed);
-    const uint8_t tail = client->send_tail.load(std::memory_order_relaxed);
-    iovec packets[k_ring_size];
-    int count = 0;
-    for (uint8_t i = head; i != tail && ring[i].ready != 0; i = next_index(i))
-        packets[count++] = {ring[i].data, ring[i].len};
-    if (count == 0) return;
-    const int taken = netip_send_packets(client->handle.load(std::memory_order_relaxed), packets, count);
-    for (int i = 0; i < taken; ++i) {
-        ring[head].ready = 0;
-        head = next_index(head);
-    }
-    client->send_head.store(head, std::memory_order_relaxed);
+    (void)flush_ring(client);
 }
 
 void client_enter_closing(mqtt_client *client) {
@@ -233,6 +252,7 @@ void mqtt_start_send_thread() {
 
 void mqtt_stop_send_thread() {
     if (!g_send_running.exchange(false, std::memory_order_relaxed)) return;
+    s_send_alarm.ring();
     pthread_join(g_send_thread, nullptr);
 }
 

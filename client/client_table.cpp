@@ -46,6 +46,7 @@ void reset_record(mqtt_client *client, netip_handle handle, const char *ip, uint
     client->closing.store(0, std::memory_order_relaxed);
     client->subs_settled.store(0, std::memory_order_relaxed);
     client->will_counted.store(0, std::memory_order_relaxed);
+    client->full_ms.store(0, std::memory_order_relaxed);
 }
 
 // Topic and payload were freed when the record was released.

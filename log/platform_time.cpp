@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 
 namespace zeb {
@@ -33,10 +32,13 @@ uint64_t real_mono_us() {
     return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
 }
 
+timespec instant(uint64_t mono_us) {
+    return {static_cast<time_t>(mono_us / 1000000u), static_cast<long>(mono_us % 1000000u) * 1000L};
+}
+
 // Up to an instant, not for a while: what handling a signal takes must not make the sleep longer.
 void real_sleep_until(uint64_t mono_us) {
-    const timespec until{static_cast<time_t>(mono_us / 1000000u),
-                         static_cast<long>(mono_us % 1000000u) * 1000L};
+    const timespec until = instant(mono_us);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
 }
@@ -88,8 +90,9 @@ void platform_beat::wait() {
 
 void platform_alarm::ring() {
     if (rung_.exchange(true, std::memory_order_acq_rel)) return;
-    { std::lock_guard lock(lock_); }  // not between the sleeper's look at rung_ and its wait
-    bell_.notify_one();
+    (void)pthread_mutex_lock(&lock_);  // not between the sleeper's look at rung_ and its wait
+    (void)pthread_mutex_unlock(&lock_);
+    (void)pthread_cond_signal(&bell_);
 }
 
 void platform_alarm::sleep_us(uint64_t us) {
@@ -97,9 +100,12 @@ void platform_alarm::sleep_us(uint64_t us) {
     if (clock != nullptr && clock->sleep_us != nullptr) {
         clock->sleep_us(us);
     } else {
-        std::unique_lock lock(lock_);
-        (void)bell_.wait_for(lock, std::chrono::microseconds(us),
-                             [this] { return rung_.load(std::memory_order_relaxed); });
+        const timespec until = instant(real_mono_us() + us);
+        (void)pthread_mutex_lock(&lock_);
+        while (!rung_.load(std::memory_order_relaxed) &&
+               pthread_cond_clockwait(&bell_, &lock_, CLOCK_MONOTONIC, &until) == 0) {
+        }
+        (void)pthread_mutex_unlock(&lock_);
     }
     rung_.exchange(false, std::memory_order_acq_rel);
 }

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 // The only door to clocks and sleeping, so that a test can step time. Any thread may call all of it.
 
@@ -44,16 +44,18 @@ class platform_beat {
 // A sleep that another thread can end. A replaced clock's sleep is not cut short.
 class platform_alarm {
   public:
-    // Wakes the sleeper, or keeps the next sleep from beginning. Any thread; costs one relaxed look while a
-    // ring is waiting to be heard.
+    // Wakes the sleeper, or keeps the next sleep from beginning. Any thread; cheap while an earlier ring
+    // waits to be heard.
     void ring();
     // One thread. Everything that its waker did before it rang is seen afterwards.
     void sleep_us(uint64_t us);
 
   private:
+    // Not the standard library's: its destructor would wait for a sleeper, also in a forked child that has
+    // none and only means to exit.
     std::atomic<bool> rung_{false};
-    std::mutex lock_;
-    std::condition_variable bell_;
+    pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t bell_ = PTHREAD_COND_INITIALIZER;
 };
 
 uint32_t platform_get_tick_ms();  // platform_wall_ms() cut to 32 bits: compare by subtraction

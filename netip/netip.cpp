@@ -86,10 +86,9 @@ int open_tcp() {
 void open_udp() {
     g_netip_udp = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (g_netip_udp >= 0 && !bind_to_port(g_netip_udp)) close_fd(&g_netip_udp);
-    // Edge-triggered without hooks: datagrams that have to wait must not wake the I/O thread for ever.
-    const uint32_t events = g_netip_hooks != nullptr ? EPOLLIN : EPOLLIN | EPOLLET;
-    g_netip_udp_watched =
-        g_netip_udp >= 0 && watch(netip_epoll_fd, g_netip_udp, events, NETIP_EPOLL_DATAGRAM);
+    // Should it fail, a datagram waits for the next event of a connection, as without hooks.
+    g_netip_udp_watched = g_netip_hooks != nullptr && g_netip_udp >= 0 &&
+                          watch(netip_epoll_fd, g_netip_udp, EPOLLIN, NETIP_EPOLL_DATAGRAM);
 }
 
 // Only makes the end of the workers faster, so it may fail.

@@ -34,7 +34,7 @@ struct io_worker {
 // Written before the threads start and after they ended.
 extern io_worker g_io_workers[NETIP_MAX_IO_THREADS];
 extern const netip_hooks *g_netip_hooks;  // null: none
-extern bool g_netip_udp_watched;          // the first worker is told when datagrams have come
+extern bool g_netip_udp_watched;          // datagrams wake the first worker
 
 inline netip_handle netip_index(const netip_conn &conn) {
     return static_cast<netip_handle>(&conn - g_netip_clients);

@@ -37,7 +37,6 @@ thread_local bool t_io_thread = false;
 // What one wait has brought.
 struct round {
     uint32_t packets = 0;  // handled since the last batch ended
-    bool streams = false;  // there was an event of another kind than a datagram's
     bool datagrams = false;
 };
 
@@ -46,7 +45,6 @@ void handle_event(const epoll_event &event, round *now) {
         now->datagrams = true;
         return;
     }
-    now->streams = true;
     if (event.data.u64 == NETIP_EPOLL_LISTEN || event.data.u64 == NETIP_EPOLL_WAKE) return;
     netip_conn &conn = g_netip_clients[static_cast<uint32_t>(event.data.u64) - 1];
     const uint32_t generation = static_cast<uint32_t>(event.data.u64 >> 32);
@@ -74,17 +72,14 @@ int wait_for_events(const io_worker &worker) {
     return 0;
 }
 
-// With hooks as they come. Without, one after each round of stream events; a look that would find nothing is
-// spared. When nobody tells us of datagrams, each such round looks.
+// As they come, when they wake us; otherwise one after each round of other events.
 void take_datagrams(const round &now) {
-    thread_local bool t_more = false;
-    if (g_netip_hooks != nullptr && g_netip_udp_watched) {
-        for (int i = 0; now.datagrams && i < k_datagrams && netip_udp_take(); ++i) {
-        }
+    if (!g_netip_udp_watched) {
+        netip_udp_recv();
         return;
     }
-    t_more = t_more || now.datagrams || !g_netip_udp_watched;
-    if (now.streams && t_more) t_more = netip_udp_take();
+    for (int i = 0; now.datagrams && i < k_datagrams && netip_udp_take(); ++i) {
+    }
 }
 
 void handle_round(const io_worker &worker, int count) {

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <condition_variable>
+#include <pthread.h>
+
 #include <cstdint>
 #include <mutex>
 
@@ -12,14 +13,14 @@ namespace zeb {
 class fair_mutex {
   public:
     void lock() {
-        std::unique_lock<std::mutex> guard(state_);
+        const std::lock_guard<std::mutex> guard(state_);
         const uint64_t ticket = next_++;
-        turn_.wait(guard, [&] { return serving_ == ticket; });
+        while (serving_ != ticket) (void)pthread_cond_wait(&turn_, state_.native_handle());
     }
     void unlock() {
         const std::lock_guard<std::mutex> guard(state_);
         ++serving_;
-        turn_.notify_all();
+        (void)pthread_cond_broadcast(&turn_);
     }
     // The holder and those who wait.
     uint64_t users() {
@@ -29,7 +30,9 @@ class fair_mutex {
 
   private:
     std::mutex state_;
-    std::condition_variable turn_;
+    // Not the standard library's: its destructor would wait for those who wait, also in a forked child that
+    // has none of them and only means to exit.
+    pthread_cond_t turn_ = PTHREAD_COND_INITIALIZER;
     uint64_t next_ = 0;     // guarded by state_, as is serving_
     uint64_t serving_ = 0;  // the ticket that may hold it
 };

@@ -8,12 +8,26 @@
 namespace {
 
 std::atomic<int> s_rings{0};
+std::atomic<int> s_sleeps{0};
+std::atomic<bool> s_long_sleeps{false};
 
 }  // namespace
 
-// The linker hands the library this in place of its own.
-extern "C" void __wrap__ZN3zeb14platform_alarm4ringEv(zeb::platform_alarm *) {
+// The linker hands the library these in place of its own. The send thread's fallback becomes an hour when the
+// test asks for that, so that only a ring wakes it.
+extern "C" {
+void __real__ZN3zeb14platform_alarm4ringEv(zeb::platform_alarm *alarm);
+void __real__ZN3zeb14platform_alarm8sleep_usEm(zeb::platform_alarm *alarm, uint64_t us);
+
+void __wrap__ZN3zeb14platform_alarm4ringEv(zeb::platform_alarm *alarm) {
     ++s_rings;
+    __real__ZN3zeb14platform_alarm4ringEv(alarm);
+}
+void __wrap__ZN3zeb14platform_alarm8sleep_usEm(zeb::platform_alarm *alarm, uint64_t us) {
+    constexpr uint64_t k_hour_us = 3600000000;
+    ++s_sleeps;
+    __real__ZN3zeb14platform_alarm8sleep_usEm(alarm, s_long_sleeps ? k_hour_us : us);
+}
 }
 
 namespace {
@@ -82,6 +96,23 @@ TEST_F(client_low_latency, other_threads_wake_the_send_thread) {
     EXPECT_EQ(s_rings, 1) << "without the option its beat will do";
 }
 
+TEST_F(client_low_latency, a_ring_ends_the_send_threads_sleep) {
+    const running_netip up(events);
+    tcp_client peer(tcp_client::unconnected{});
+    mqtt_client *const client = connect(&peer);
+    zeb::platform_set_clock(nullptr);  // the real one: a replaced clock's sleep cannot be ended
+    s_long_sleeps = true;
+    s_sleeps = 0;
+    zeb::mqtt_start_send_thread();
+    for (uint8_t i = 0; i < 5; ++i) {
+        ASSERT_TRUE(eventually([i] { return s_sleeps > i; })) << "it sleeps for an hour now";
+        ASSERT_EQ(send(client, packet_of(20, i)), 0);
+        EXPECT_EQ(peer.read(20), packet_of(20, i));
+    }
+    zeb::mqtt_stop_send_thread();  // does not take an hour either
+    s_long_sleeps = false;
+}
+
 TEST_F(client_low_latency, a_full_ring_is_flushed_before_a_packet_is_given_up) {
     const running_netip up(events);
     tcp_client peer(tcp_client::unconnected{});
@@ -97,10 +128,18 @@ TEST_F(client_low_latency, a_full_ring_is_flushed_before_a_packet_is_given_up) {
     EXPECT_EQ(zeb::g_mqtt_stats.drop_queue_full, 0u);
 }
 
-// Fills the socket and the ring; how many packets of 4096 bytes were taken.
+// Fills the socket and the ring, until the kernel has found no more room for a while; how many packets of
+// 4096 bytes were taken.
 int fill(mqtt_client *client) {
     int taken = 0;
-    while (zeb::client_send(client, packet_of(4096, static_cast<uint8_t>(taken)).data(), 4096) == 0) ++taken;
+    for (int quiet = 0; quiet < 20; ++quiet) {
+        client->full_ms = 0;  // the clock stands still here, and a full socket is asked once in a tick
+        while (zeb::client_send(client, packet_of(4096, static_cast<uint8_t>(taken)).data(), 4096) == 0) {
+            ++taken;
+            quiet = 0;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     return taken;
 }
 
@@ -111,7 +150,7 @@ TEST_F(client_low_latency, a_packet_is_dropped_when_the_socket_is_full_too) {
     const int taken = fill(client);
     EXPECT_GT(taken, 99 + 8) << "the ring, and at least the socket's smallest buffers";
     EXPECT_EQ(queued(client), 99);
-    EXPECT_EQ(zeb::g_mqtt_stats.drop_queue_full, 1u);
+    EXPECT_GE(zeb::g_mqtt_stats.drop_queue_full, 1u);
     EXPECT_TRUE(zeb::netip_send_blocked(client->handle));
 }
 

@@ -179,6 +179,22 @@ std::vector<bytes> take(mqtt_client *client, int count) {
     return out;
 }
 
+TEST_F(client_send, each_packet_of_a_series_counts_as_activity_when_it_is_sent) {
+    mqtt_client *const early = create(1);
+    mqtt_client *const late = create(2);
+    {
+        zeb::client_send_series series;
+        ASSERT_EQ(series.send(early, k_ping, 2), 0);
+        clock.advance_ms(5000);  // storing for absent clients, say, in between
+        zeb::client_update_active(late);
+        ASSERT_EQ(series.send(late, k_ping, 2), 0);
+    }
+    EXPECT_EQ(late->last_active, clock.mono_ms());
+    EXPECT_EQ(early->last_active, clock.mono_ms() - 5000);
+    EXPECT_EQ(g_mqtt_stats.pkt_tx, 2u);
+    EXPECT_EQ(g_mqtt_stats.period_pkt_tx, 2u);
+}
+
 TEST_F(client_send, packets_of_all_sizes_share_the_ring_and_none_touches_another) {
     zeb::mqtt_stop_send_thread();
     mqtt_client *const client = create(1);
@@ -190,7 +206,13 @@ TEST_F(client_send, packets_of_all_sizes_share_the_ring_and_none_touches_another
     };
     for (int step = 0; step < 20000; ++step) {
         const bool full = model.size() == 99;
-        const uint32_t size = draw(3) == 0 ? 4096 : draw(3) == 0 ? 2 + draw(60) : 2 + draw(4095);
+        // First sizes of all kinds at all fills; then a ring kept nearly full of the longest packets and, now
+        // and then, a short one, which leaves the least room that there can be.
+        const bool tight = step >= 10000;
+        const uint32_t size = tight ? (draw(50) == 0 ? 2 + draw(60) : 4096)
+                                    : (draw(3) == 0   ? 4096
+                                       : draw(3) == 0 ? 2 + draw(60)
+                                                      : 2 + draw(4095));
         const bytes data = packet_of(size, static_cast<uint8_t>(step));
         ASSERT_EQ(send(client, data), full ? -1 : 0) << step;
         if (!full) model.push_back(data);
@@ -198,8 +220,8 @@ TEST_F(client_send, packets_of_all_sizes_share_the_ring_and_none_touches_another
         const zeb::client_send_slot &last = client->send_ring.load()[(client->send_tail + 99) % 100];
         ASSERT_GE(last.data, begin);
         ASSERT_LE(last.data + last.len, begin + 4096 * 100);
-        if (!full && draw(2) == 0) continue;
-        const int count = static_cast<int>(draw(full ? 100 : 3));
+        if (tight ? model.size() < 97 : !full && draw(2) == 0) continue;
+        const int count = static_cast<int>(tight ? 1 + draw(3) : draw(full ? 100 : 3));
         const int taken = std::min(count, static_cast<int>(model.size()));
         const std::vector<bytes> got = take(client, taken);
         ASSERT_TRUE(std::equal(got.begin(), got.end(), model.begin())) << step;

@@ -21,6 +21,7 @@ class embedded {
     struct options {
         int connect_timeout_s = 0;
         int max_clients = 100;
+        bool low_latency = false;
     };
 
     int open(const char *directory) { return open(directory, {}); }
@@ -33,6 +34,8 @@ class embedded {
         zeb_sdk_mqtt_broker_set_log_level(b_, zeb::AGENT_LOG_FATAL);
         const mqtt_broker_option timeout = MQTT_BROKER_OPTION_CONNECT_TIMEOUT;
         EXPECT_EQ(zeb_sdk_mqtt_broker_set_option(b_, timeout, wanted.connect_timeout_s), 0);
+        const mqtt_broker_option latency = MQTT_BROKER_OPTION_LOW_LATENCY;
+        EXPECT_EQ(zeb_sdk_mqtt_broker_set_option(b_, latency, wanted.low_latency ? 1 : 0), 0);
         return zeb_sdk_mqtt_broker_start(b_, 1883, wanted.max_clients);
     }
     void close() {

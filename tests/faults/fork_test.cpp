@@ -145,4 +145,21 @@ TEST_F(faults_fork, forks_under_load_lose_nothing) {
     EXPECT_EQ(WEXITSTATUS(std::system("exit 3")), 3);
 }
 
+// Its exit handlers and destructors run, while the threads of the broker exist in the parent alone.
+TEST(faults_fork_with_low_latency, a_child_may_exit_the_ordinary_way) {
+    embedded broker;
+    ASSERT_EQ(broker.open("./data-prompt", {.connect_timeout_s = 0, .max_clients = 100, .low_latency = true}),
+              0);
+    for (int i = 0; i < 10; ++i) {
+        const pid_t child = fork();
+        if (child == 0) exit(0);
+        int status = -1;
+        const bool ended = eventually([&] { return waitpid(child, &status, WNOHANG) == child; });
+        if (!ended) kill(child, SIGKILL);
+        ASSERT_TRUE(ended) << "child " << i;
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_TRUE(mqtt_peer("after").is_served());
+}
+
 }  // namespace

@@ -217,3 +217,17 @@ TEST_F(netip_udp, closed_peers_do_not_use_up_room_for_new_ones) {
     EXPECT_EQ(NETIP_MAX_CONN + 50, connects);
     EXPECT_EQ(NETIP_MAX_CONN + 50, closes);
 }
+
+// What comes while a packet is being handled is there when its round ends.
+TEST_F(netip_udp, a_datagram_that_comes_during_a_round_is_read_after_it) {
+    udp_client peer;
+    events.set_hook([&peer](const event &e) {
+        if (e.kind == NETIP_EVENT_DATA && e.data == hex("D0 00")) {
+            EXPECT_TRUE(peer.send("C0 00"));
+        }
+        return 1;
+    });
+    ASSERT_TRUE(knocker.send("D0 00"));
+    EXPECT_TRUE(events.wait_data(2)) << "nothing else knocks";
+    events.set_hook(nullptr);
+}

@@ -81,4 +81,21 @@ TEST_F(sdk_low_latency, a_callback_that_publishes_needs_no_beat) {
     EXPECT_EQ(dump(subscriber.read()), dump(hex("90 03 00 01 00")));
 }
 
+TEST(sdk_exact_lookup, a_kicked_connection_takes_its_subscriptions_with_it_and_the_older_is_found) {
+    broker b;
+    ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_EXACT_LOOKUP, 1), 0);
+    ASSERT_EQ(b.start(200), 0);
+    mqtt_peer older("same");
+    mqtt_peer newer("same");
+    ASSERT_TRUE(newer.send("82 06 00 01 00 01 't' 00"));
+    EXPECT_EQ(dump(newer.read()), dump(hex("90 03 00 01 00")));
+    ASSERT_EQ(zeb_sdk_mqtt_broker_kick_client(b.get(), "same"), 0);
+    const uint8_t payload[] = {0xFF};
+    EXPECT_EQ(zeb_sdk_mqtt_broker_publish(b.get(), "t", payload, 1, 0, 0, 0), 0);
+    EXPECT_TRUE(older.is_served()) << "the next packet is the answer to its ping";
+    mqtt_broker_client_info info;
+    EXPECT_EQ(zeb_sdk_mqtt_broker_get_client_info(b.get(), "same", &info), 0);
+    EXPECT_EQ(b.online(), 1);
+}
+
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <thread>
 
+#include "netip/netip_internal.h"
 #include "packet/packet_handler.h"
 #include "tests/sdk/sdk_fixture.h"
 
@@ -70,13 +71,21 @@ TEST(sdk_options, the_next_start_of_an_instance_without_options_has_none) {
         broker b;
         ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_REQUIRE_CONNECT, 1), 0);
         ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_LEVEL_BY_CONNECT, 1), 0);
+        ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_LOW_LATENCY, 1), 0);
+        ASSERT_EQ(zeb_sdk_mqtt_broker_set_option(b.get(), MQTT_BROKER_OPTION_EXACT_LOOKUP, 1), 0);
         ASSERT_EQ(b.start(10), 0);
         EXPECT_EQ(zeb::g_packet_options.require_connect, 1);
         EXPECT_EQ(zeb::g_packet_options.level_by_connect, 1);
+        EXPECT_EQ(zeb::g_client_options.low_latency, 1);
+        EXPECT_EQ(zeb::g_client_options.exact_lookup, 1);
+        EXPECT_NE(zeb::g_netip_hooks, nullptr);
     }
     broker b(10);
     EXPECT_EQ(zeb::g_packet_options.require_connect, 0);
     EXPECT_EQ(zeb::g_packet_options.level_by_connect, 0);
+    EXPECT_EQ(zeb::g_client_options.low_latency, 0);
+    EXPECT_EQ(zeb::g_client_options.exact_lookup, 0);
+    EXPECT_EQ(zeb::g_netip_hooks, nullptr);
     EXPECT_TRUE(mqtt_peer().is_served()) << "PINGREQ before CONNECT is answered";
 }
 

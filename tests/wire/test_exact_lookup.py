@@ -159,6 +159,17 @@ def subscribe_anew(conn, publisher, end):
 @modern
 @deny
 @every_end
+def test_what_the_newest_has_subscribed_to_ends_with_it(client, end):
+    publisher, older, newer = client("pub"), client("same"), client("same")
+    newer.subscribe(("t", 0))
+    assert receives(newer, publisher, b"\xfffirst")
+    end(newer)
+    assert not receives(older, publisher, b"\xffsecond")
+
+
+@modern
+@deny
+@every_end
 def test_the_newest_of_two_connections_gets_the_messages_until_it_ends(client, end):
     publisher, older = client("pub"), client("same")
     older.subscribe(("t", 0))

@@ -125,8 +125,19 @@ def test_a_will_whose_packet_needs_two_length_bytes_is_not_published(owner, watc
     watcher.expect_publish("will", b"short")
 
 
+def once_there_is_room(open_one, deadline_s=30):
+    """A record whose will is published is free with the next pass of housekeeping, and clients can be quicker."""
+    deadline = time.monotonic() + deadline_s
+    while True:
+        try:
+            return open_one()
+        except (AssertionError, ConnectionError):
+            assert time.monotonic() < deadline, "no room for a new client"
+            time.sleep(0.01)
+
+
 @pytest.mark.host("--max-clients", "50")
 def test_hundreds_of_wills_leave_room_for_new_clients(broker, owner, watcher):
     for number in range(300):
-        owner(client_id="o%d" % number).close()
+        once_there_is_room(lambda: owner(client_id="o%d" % number)).close()
         watcher.expect_publish("will", b"gone")
