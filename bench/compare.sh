@@ -17,6 +17,7 @@ Nothing else should run on the machine meanwhile. With the defaults it takes abo
   --only REGEX      only the scenarios whose names match
   --brokers LIST    of zeb, earlier, mosquitto and aedes, separated by commas (all that are at hand)
   --baseline PATH   another zeb_mqtt_host, measured beside this one as broker "earlier"
+  --append          add to the results at hand, so that a long comparison can be made in pieces
   --report-only     write the report anew from the results at hand
   --help            print this text
 TEXT
@@ -34,6 +35,7 @@ while [[ $# -gt 0 ]]; do
         report_only=yes
         options+=("$1")
         ;;
+    --append) options+=("$1") ;;
     --rounds | --seconds | --only | --brokers | --baseline)
         if [[ $# -lt 2 ]]; then
             usage >&2

@@ -27,6 +27,7 @@ def arguments():
     parser.add_argument("--brokers", default="", metavar="LIST", help="of zeb, earlier, mosquitto and aedes, by commas")
     parser.add_argument("--baseline", default="", metavar="PATH",
                         help="another zeb_mqtt_host, measured beside this one as broker \"earlier\"")
+    parser.add_argument("--append", action="store_true", help="add to the results at hand")
     parser.add_argument("--report-only", action="store_true", help="write the report anew from the results at hand")
     options = parser.parse_args()
     if options.rounds < 1 or options.seconds < 0.5:
@@ -101,8 +102,10 @@ def main():
         found = chosen_brokers(options, settings)
         raise_descriptor_limit()
         results.parent.mkdir(parents=True, exist_ok=True)
-        with results.open("w", encoding="utf-8") as stream:
-            stream.write(json.dumps(machine.describe(TOP, settings, found)) + "\n")
+        append = options.append and results.exists()
+        with results.open("a" if append else "w", encoding="utf-8") as stream:
+            if not append:
+                stream.write(json.dumps(machine.describe(TOP, settings, found)) + "\n")
             measured = run_all(options, settings, found, stream)
     elif not results.exists():
         sys.exit("bench/compare.sh: no results yet")
