@@ -91,6 +91,7 @@ fuzz_seconds=20
 if [[ -n $thorough ]]; then
     fuzz_seconds=1200
     export ZEB_CRASH_KILLS=500 ZEB_STORM_SECONDS=60 ZEB_SOAK_SECONDS=600 ZEB_MODEL_SCENARIOS=20000
+    export ZEB_MODEL_SEED=${ZEB_MODEL_SEED-$((SRANDOM % 2147483648))} # printed with every result
 fi
 
 # The benchmarks are built and tried once, with the build that they would measure.

@@ -7,7 +7,7 @@ RECORDED_FILTERS = 32
 RECORDED_FILTER_BYTES = 63
 MISSED_MESSAGES = 100
 
-SESSION = ('{"client_id":"%s","clean_session":false,"clean_start":false,"session_expiry_interval":0,'
+SESSION = ('{"client_id":"%s","clean_session":false,"clean_start":%s,"session_expiry_interval":0,'
            '"session_expiry_deadline":0,"last_online":0,"will_flag":%s,"will_topic":"%s","will_qos":%d,"will_len":%d,'
            '"will_payload":"%s","will_delay_interval":%d,')
 
@@ -16,7 +16,7 @@ class Record:
     """A client's session as its connection holds it."""
 
     def __init__(self):
-        self.will_flag = False
+        self.clean_start = self.will_flag = False
         self.will_topic, self.will_qos, self.will_payload, self.will_delay = "", 0, b"", 0
         self.subscriptions = []  # [filter, QoS]
 
@@ -35,7 +35,8 @@ class Files:
         self.session = self.subscriptions = self.missed = None
 
     def write_session(self, client_id, record):
-        text = SESSION % (client_id, "true" if record.will_flag else "false", record.will_topic, record.will_qos,
+        text = SESSION % (client_id, "true" if record.clean_start else "false",
+                          "true" if record.will_flag else "false", record.will_topic, record.will_qos,
                           len(record.will_payload), record.will_payload[:1024].hex(), record.will_delay)
         self.session = text[:SESSION_TEXT_BYTES]
 
@@ -50,6 +51,8 @@ class Files:
         record = Record()
         record.subscriptions = [list(entry) for entry in self.subscriptions or []]
         text = self.session or ""
+        # Read back as set when a later key's value says "true"; and a shorter word moves where the text is cut.
+        record.clean_start = "true" in text.partition('"clean_start":')[2]
         flag = text.partition('"will_flag":')[2]
         topic = re.search(r'"will_topic":"([^"]*)"', text)
         # A will whose topic was cut off is none.
