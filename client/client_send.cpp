@@ -17,7 +17,8 @@ namespace {
 
 constexpr uint64_t k_send_poll_us = 10000;
 constexpr uint64_t k_send_rest_us = 9000;
-platform_alarm s_send_alarm;  // rung in low-latency mode only
+constexpr uint64_t k_send_idle_us = 100000;  // in low-latency mode, when only a ring can bring something
+platform_alarm s_send_alarm;                 // rung in low-latency mode only
 constexpr uint8_t k_ring_size = CLIENT_SEND_RING_SIZE;
 static_assert(k_ring_size <= NETIP_MAX_GATHER, "a whole ring goes out in one call");
 
@@ -128,8 +129,16 @@ void flush_block(client_pool_block &block, int word) {
     uint64_t bits = block.queued[word].exchange(0);
     for (; bits != 0; bits &= bits - 1) {
         mqtt_client *client = &block.records[word * 64 + __builtin_ctzll(bits)];
-        if (flush_record(client)) client_mark_queued(client);
+        if (!flush_record(client)) continue;
+        client_mark_queued(client);
+        // What could not be sent, and has no full socket to wait for, is tried again with the next beat.
+        if (is_low_latency() && netip_on_io_thread()) s_send_alarm.ring();
     }
+}
+
+bool anything_marked() {
+    return (g_client_mgr.queued_blocks[0].load(std::memory_order_relaxed) |
+            g_client_mgr.queued_blocks[1].load(std::memory_order_relaxed)) != 0;
 }
 
 // The I/O threads send themselves what the packets they handle have queued.
@@ -233,8 +242,9 @@ void *send_thread_proc(void *) {
     platform_beat beat(k_send_poll_us, k_send_rest_us);
     while (g_send_running.load(std::memory_order_relaxed)) {
         client_flush_queued();
+        // A hundred needless wake-ups a second would show in the latency of every hundredth message.
         if (is_low_latency())
-            s_send_alarm.sleep_us(k_send_poll_us);
+            s_send_alarm.sleep_us(anything_marked() ? k_send_poll_us : k_send_idle_us);
         else
             beat.wait();
     }

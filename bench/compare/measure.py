@@ -104,8 +104,7 @@ def main():
         results.parent.mkdir(parents=True, exist_ok=True)
         append = options.append and results.exists()
         with results.open("a" if append else "w", encoding="utf-8") as stream:
-            if not append:
-                stream.write(json.dumps(machine.describe(TOP, settings, found)) + "\n")
+            stream.write(json.dumps(machine.describe(TOP, settings, found)) + "\n")
             measured = run_all(options, settings, found, stream)
     elif not results.exists():
         sys.exit("bench/compare.sh: no results yet")

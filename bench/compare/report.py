@@ -97,6 +97,8 @@ def commands(results, scenarios):
 
 def machine_table(results):
     facts = dict(results.machine.get("facts", {}))
+    if len(results.commits) > 1:  # measured in pieces
+        facts["commit"] = ", later pieces ".join(results.commits)
     facts["rounds"] = str(results.machine.get("rounds", NOTHING))
     facts["seconds per run"] = f"{results.machine.get('seconds', 0):g}"
     return table(["", ""], [[name, value] for name, value in facts.items()])

@@ -19,7 +19,9 @@ class Results:
     """What a results file holds. A run that failed has no figures and is left out of the medians."""
 
     def __init__(self, records):
-        self.machine = next((record for record in records if record["kind"] == "machine"), {})
+        pieces = [record for record in records if record["kind"] == "machine"]
+        self.machine = pieces[0] if pieces else {}
+        self.commits = list(dict.fromkeys(piece["facts"]["commit"] for piece in pieces if "facts" in piece))
         self.runs = [record for record in records if record["kind"] == "run"]
 
     @staticmethod
